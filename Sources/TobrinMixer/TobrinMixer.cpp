@@ -1,0 +1,416 @@
+// The real-time voice mixer. Everything here after tb_mixer_create runs without
+// allocating, freeing, locking or logging: the render thread calls it.
+#include "TobrinMixer.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <cmath>
+#include <new>
+#include <numbers>
+#include <type_traits>
+
+static_assert(std::is_trivially_copyable_v<TBCommand>, "commands are copied whole through the ring");
+static_assert(std::is_trivially_copyable_v<TBSample>);
+
+namespace {
+
+constexpr std::uint32_t ringSize = 512;
+constexpr std::uint32_t ringMask = ringSize - 1;
+constexpr int voiceCount = 32;
+constexpr int layerCount = 4;
+// Voices are mixed in chunks of at most this many frames through scratch
+// buffers; a longer render call is simply cut into chunks.
+constexpr std::uint32_t chunkFrames = 256;
+
+struct VoiceLayer {
+    const float* left;
+    const float* right; // equal to left for a mono layer, never null while left is set
+    std::uint64_t frames;
+};
+
+struct Voice {
+    std::uint8_t active;
+    std::uint8_t releasing;
+    std::uint32_t tag;
+    std::uint64_t sequence; // the voice's age: the oldest is stolen first
+    VoiceLayer layers[layerCount];
+    float gain[layerCount];
+    float target[layerCount];
+    float step[layerCount];
+    std::uint32_t rampLeft;
+    std::uint32_t length; // longest layer, in frames
+    double position;
+    double rate;
+    float panLeft;
+    float panRight;
+};
+
+static_assert(std::is_trivially_copyable_v<Voice>);
+static_assert(std::atomic<float>::is_always_lock_free);
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+
+} // namespace
+
+struct TBMixer {
+    TBCommand ring[ringSize];
+
+    // The ring's two indices count up without bound (slot = count & ringMask).
+    // The producer fills slot `write` and then publishes write + 1 with a release
+    // store; the consumer loads `write` with acquire, so it sees the filled slots.
+    // Back the other way, the consumer copies commands out before publishing
+    // `read` with release, and the producer's acquire load of `read` keeps it
+    // from reusing a slot that is still being copied. Each index has one writer.
+    alignas(64) std::atomic<std::uint32_t> write;
+    alignas(64) std::atomic<std::uint32_t> read;
+
+    alignas(64) Voice voices[voiceCount];
+    std::uint64_t sequenceCounter;
+    float sampleRate;
+    std::uint32_t fadeFrames;    // weight changes crossfade over this many frames
+    std::uint32_t releaseFrames; // release-all fades over 6 ms
+
+    std::atomic<float> masterTarget; // written by the control side
+    float masterCurrent;             // render thread only
+
+    std::atomic<std::uint32_t> activeVoices;
+    std::atomic<std::uint64_t> startedVoices;
+    std::atomic<std::uint64_t> renderedFrames;
+    std::atomic<std::uint64_t> droppedCommands;
+
+    // Render-thread scratch, kept here rather than on the audio thread's stack.
+    double positions[chunkFrames];
+    float rampGains[layerCount][chunkFrames];
+    float mixLeft[chunkFrames];
+    float mixRight[chunkFrames];
+};
+
+namespace {
+
+std::uint32_t framesFor(double milliseconds, double sampleRate) {
+    const double frames = std::round(milliseconds * sampleRate / 1000.0);
+    if (!(frames >= 1.0)) return 1;
+    if (frames >= 4294967295.0) return 4294967295u;
+    return static_cast<std::uint32_t>(frames);
+}
+
+void startVoice(TBMixer& mixer, const TBCommand& command) {
+    std::uint32_t length = 0;
+    for (const TBSample& layer : command.layers) {
+        if (layer.left != nullptr) length = std::max(length, layer.frames);
+    }
+    if (length == 0) return;
+
+    // The first free slot, else the oldest voice, releasing or not, taken over
+    // at once: a 33rd key must sound now, not after a fade.
+    Voice* slot = nullptr;
+    for (Voice& voice : mixer.voices) {
+        if (!voice.active) {
+            slot = &voice;
+            break;
+        }
+    }
+    if (slot == nullptr) {
+        slot = &mixer.voices[0];
+        for (Voice& voice : mixer.voices) {
+            if (voice.sequence < slot->sequence) slot = &voice;
+        }
+    }
+
+    Voice& voice = *slot;
+    voice = Voice{};
+    voice.tag = command.tag;
+    voice.sequence = ++mixer.sequenceCounter;
+    voice.active = 1;
+    voice.length = length;
+    voice.rate = (command.rate > 0.25f && command.rate < 4.0f) ? double(command.rate) : 1.0;
+    for (int l = 0; l < layerCount; ++l) {
+        const TBSample& layer = command.layers[l];
+        voice.layers[l] = {layer.left, layer.right != nullptr ? layer.right : layer.left, layer.frames};
+        const float weight = layer.left != nullptr ? command.weights[l] : 0.0f;
+        voice.gain[l] = weight;
+        voice.target[l] = weight;
+    }
+    // Constant power, unity at the centre. A NaN pan is taken as the centre.
+    const double pan = std::isnan(command.pan) ? 0.0 : std::clamp(double(command.pan), -1.0, 1.0);
+    const double theta = (pan + 1.0) * (std::numbers::pi / 4.0);
+    voice.panLeft = static_cast<float>(std::cos(theta) * std::numbers::sqrt2);
+    voice.panRight = static_cast<float>(std::sin(theta) * std::numbers::sqrt2);
+    mixer.startedVoices.fetch_add(1, std::memory_order_relaxed);
+}
+
+void setWeights(TBMixer& mixer, const TBCommand& command) {
+    for (Voice& voice : mixer.voices) {
+        if (!voice.active || voice.releasing || voice.tag != command.tag) continue;
+        for (int l = 0; l < layerCount; ++l) {
+            voice.target[l] = voice.layers[l].left != nullptr ? command.weights[l] : 0.0f;
+            voice.step[l] = (voice.target[l] - voice.gain[l]) / float(mixer.fadeFrames);
+        }
+        voice.rampLeft = mixer.fadeFrames;
+        return;
+    }
+}
+
+void releaseAll(TBMixer& mixer) {
+    for (Voice& voice : mixer.voices) {
+        if (!voice.active) continue;
+        voice.releasing = 1;
+        for (int l = 0; l < layerCount; ++l) {
+            voice.target[l] = 0.0f;
+            voice.step[l] = -voice.gain[l] / float(mixer.releaseFrames);
+        }
+        voice.rampLeft = mixer.releaseFrames;
+    }
+}
+
+void drainCommands(TBMixer& mixer) {
+    const std::uint32_t begin = mixer.read.load(std::memory_order_relaxed);
+    const std::uint32_t end = mixer.write.load(std::memory_order_acquire);
+    for (std::uint32_t index = begin; index != end; ++index) {
+        const TBCommand command = mixer.ring[index & ringMask];
+        switch (command.type) {
+        case TB_COMMAND_START: startVoice(mixer, command); break;
+        case TB_COMMAND_SET_WEIGHTS: setWeights(mixer, command); break;
+        case TB_COMMAND_RELEASE_ALL: releaseAll(mixer); break;
+        default: break;
+        }
+    }
+    mixer.read.store(end, std::memory_order_release);
+}
+
+// Walks the voice through up to `frames` frames, recording each frame's read
+// position (and, while a ramp runs, each layer's gain) in the scratch buffers.
+// Returns how many frames are to be written; clears `active` when the voice ends
+// within them (past its end, or a release ramp reaching zero, whose last frame
+// is not written).
+std::uint32_t planChunk(TBMixer& mixer, Voice& voice, std::uint32_t frames, bool& ramped) {
+    double position = voice.position;
+    const double length = voice.length;
+    const double rate = voice.rate;
+    double* positions = mixer.positions;
+    std::uint32_t i = 0;
+    ramped = voice.rampLeft > 0;
+    if (!ramped) {
+        for (; i < frames; ++i) {
+            if (position >= length) {
+                voice.active = 0;
+                break;
+            }
+            positions[i] = position;
+            position += rate;
+        }
+    } else {
+        for (; i < frames; ++i) {
+            if (position >= length) {
+                voice.active = 0;
+                break;
+            }
+            positions[i] = position;
+            for (int l = 0; l < layerCount; ++l) mixer.rampGains[l][i] = voice.gain[l];
+            if (voice.rampLeft > 0) {
+                if (--voice.rampLeft > 0) {
+                    for (int l = 0; l < layerCount; ++l) voice.gain[l] += voice.step[l];
+                } else {
+                    for (int l = 0; l < layerCount; ++l) voice.gain[l] = voice.target[l];
+                    if (voice.releasing) {
+                        voice.active = 0;
+                        break;
+                    }
+                }
+            }
+            position += rate;
+        }
+    }
+    voice.position = position;
+    return i;
+}
+
+// Interpolated read of one channel at a fractional position: sample k when the
+// position is whole, else the line from k to k + 1 (k + 1 past the end is 0).
+inline float readAt(const float* samples, std::uint64_t frames, std::uint64_t k, double fraction) {
+    const float a = samples[k];
+    if (fraction == 0.0) return a;
+    const float b = k + 1 < frames ? samples[k + 1] : 0.0f;
+    return a + (b - a) * static_cast<float>(fraction);
+}
+
+// Adds one layer into the chunk's mix. `gains` is null when the gain is the
+// constant `gain` for the whole chunk. Positions only grow, so the first frame
+// past the layer's end ends the loop: every later one adds 0.
+template <bool Stereo>
+void mixLayer(TBMixer& mixer, const VoiceLayer& layer, std::uint32_t frames, float gain, const float* gains) {
+    const double* positions = mixer.positions;
+    float* mixLeft = mixer.mixLeft;
+    float* mixRight = mixer.mixRight;
+    const float* left = layer.left;
+    const float* right = layer.right;
+    const std::uint64_t layerFrames = layer.frames;
+    for (std::uint32_t i = 0; i < frames; ++i) {
+        const double position = positions[i];
+        const std::uint64_t k = static_cast<std::uint64_t>(position);
+        if (k >= layerFrames) break;
+        const float g = gains != nullptr ? gains[i] : gain;
+        if (g == 0.0f) continue;
+        const double fraction = position - double(k);
+        const float l = g * readAt(left, layerFrames, k, fraction);
+        mixLeft[i] += l;
+        if constexpr (Stereo) {
+            mixRight[i] += right == left ? l : g * readAt(right, layerFrames, k, fraction);
+        }
+    }
+}
+
+void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std::uint32_t frames) {
+    for (std::uint32_t offset = 0; offset < frames && voice.active; offset += chunkFrames) {
+        const std::uint32_t chunk = std::min(chunkFrames, frames - offset);
+        bool ramped = false;
+        const std::uint32_t count = planChunk(mixer, voice, chunk, ramped);
+        if (count == 0) continue;
+
+        // Mono layers leave the right mix equal to the left one, so it is
+        // computed only when some layer has a distinct right channel.
+        bool stereoSource = false;
+        for (const VoiceLayer& layer : voice.layers) {
+            stereoSource |= layer.left != nullptr && layer.right != layer.left;
+        }
+        std::fill_n(mixer.mixLeft, count, 0.0f);
+        if (stereoSource) std::fill_n(mixer.mixRight, count, 0.0f);
+        for (int l = 0; l < layerCount; ++l) {
+            const VoiceLayer& layer = voice.layers[l];
+            if (layer.left == nullptr) continue;
+            // Outside a ramp the gain was the voice's gain for the whole chunk.
+            const float* gains = ramped ? mixer.rampGains[l] : nullptr;
+            const float gain = ramped ? 0.0f : voice.gain[l];
+            if (!ramped && gain == 0.0f) continue;
+            if (stereoSource) {
+                mixLayer<true>(mixer, layer, count, gain, gains);
+            } else {
+                mixLayer<false>(mixer, layer, count, gain, gains);
+            }
+        }
+
+        const float* mixLeft = mixer.mixLeft;
+        const float* mixRight = stereoSource ? mixer.mixRight : mixer.mixLeft;
+        const float panLeft = voice.panLeft;
+        const float panRight = voice.panRight;
+        float* left = outLeft + offset;
+        if (outRight != nullptr) {
+            float* right = outRight + offset;
+            for (std::uint32_t i = 0; i < count; ++i) {
+                left[i] += mixLeft[i] * panLeft;
+                right[i] += mixRight[i] * panRight;
+            }
+        } else {
+            for (std::uint32_t i = 0; i < count; ++i) {
+                left[i] += 0.5f * (mixLeft[i] * panLeft + mixRight[i] * panRight);
+            }
+        }
+    }
+}
+
+// A knee at 0.8 that approaches 1.0 and never reaches it.
+inline float softLimit(float y) {
+    const float magnitude = std::fabs(y);
+    if (!(magnitude > 0.8f)) return y;
+    float t = (magnitude - 0.8f) / 0.2f;
+    t = std::isinf(t) ? 1.0f : t / (t + 1.0f);
+    return std::copysign(0.8f + 0.2f * t, y);
+}
+
+void applyMaster(TBMixer& mixer, float target, float* left, float* right, std::uint32_t frames) {
+    const float current = mixer.masterCurrent;
+    const float increment = (target - current) / float(frames);
+    float g = current;
+    for (std::uint32_t i = 0; i < frames; ++i) {
+        g += increment;
+        left[i] = softLimit(g * left[i]);
+        if (right != nullptr) right[i] = softLimit(g * right[i]);
+    }
+}
+
+} // namespace
+
+extern "C" {
+
+TBMixer* tb_mixer_create(float sampleRate, float crossfadeMs) {
+    TBMixer* mixer = new (std::nothrow) TBMixer();
+    if (mixer == nullptr) return nullptr;
+    mixer->sampleRate = sampleRate > 0.0f ? sampleRate : 48000.0f;
+    const double crossfade = crossfadeMs > 0.0f ? crossfadeMs : 4.0;
+    mixer->fadeFrames = framesFor(crossfade, mixer->sampleRate);
+    mixer->releaseFrames = framesFor(6.0, mixer->sampleRate);
+    mixer->masterTarget.store(1.0f, std::memory_order_relaxed);
+    mixer->masterCurrent = 1.0f;
+    return mixer;
+}
+
+void tb_mixer_destroy(TBMixer* mixer) { delete mixer; }
+
+bool tb_mixer_push(TBMixer* mixer, const TBCommand* command) {
+    const std::uint32_t w = mixer->write.load(std::memory_order_relaxed);
+    if (w - mixer->read.load(std::memory_order_acquire) >= ringSize) {
+        mixer->droppedCommands.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    mixer->ring[w & ringMask] = *command;
+    mixer->write.store(w + 1, std::memory_order_release);
+    return true;
+}
+
+void tb_mixer_set_master(TBMixer* mixer, float gain) {
+    // Written so that NaN, like a negative gain, becomes 0.
+    const float clamped = gain > 4.0f ? 4.0f : (gain > 0.0f ? gain : 0.0f);
+    mixer->masterTarget.store(clamped, std::memory_order_relaxed);
+}
+
+float tb_mixer_get_master(const TBMixer* mixer) { return mixer->masterTarget.load(std::memory_order_relaxed); }
+
+void tb_mixer_render(TBMixer* mixer, float* left, float* right, std::uint32_t frames) {
+    if (right == left) right = nullptr; // mono output
+    std::fill_n(left, frames, 0.0f);
+    if (right != nullptr) std::fill_n(right, frames, 0.0f);
+
+    drainCommands(*mixer);
+
+    std::uint32_t active = 0;
+    for (Voice& voice : mixer->voices) {
+        if (!voice.active) continue;
+        mixVoice(*mixer, voice, left, right, frames);
+        if (voice.active) ++active;
+    }
+
+    // One read of the target: the ramp must end exactly where masterCurrent
+    // continues, even if the control side changes the target meanwhile.
+    const float masterTarget = mixer->masterTarget.load(std::memory_order_relaxed);
+    if (frames > 0) {
+        applyMaster(*mixer, masterTarget, left, right, frames);
+        mixer->renderedFrames.fetch_add(frames, std::memory_order_relaxed);
+    }
+    mixer->masterCurrent = masterTarget;
+    mixer->activeVoices.store(active, std::memory_order_relaxed);
+
+#ifndef NDEBUG
+    for (std::uint32_t i = 0; i < frames; ++i) {
+        assert(std::isfinite(left[i]) && "mixer produced a non-finite sample");
+        assert((right == nullptr || std::isfinite(right[i])) && "mixer produced a non-finite sample");
+    }
+#endif
+}
+
+std::uint32_t tb_mixer_active_voices(const TBMixer* mixer) {
+    return mixer->activeVoices.load(std::memory_order_relaxed);
+}
+
+std::uint64_t tb_mixer_started_voices(const TBMixer* mixer) {
+    return mixer->startedVoices.load(std::memory_order_relaxed);
+}
+
+std::uint64_t tb_mixer_rendered_frames(const TBMixer* mixer) {
+    return mixer->renderedFrames.load(std::memory_order_relaxed);
+}
+
+std::uint64_t tb_mixer_dropped_commands(const TBMixer* mixer) {
+    return mixer->droppedCommands.load(std::memory_order_relaxed);
+}
+
+} // extern "C"

@@ -1,0 +1,21 @@
+# Project-wide compile options. Every target of ours calls tobrin_target_defaults().
+
+add_compile_options(-ffp-contract=off)
+
+if(TOBRIN_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(TOBRIN_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(TOBRIN_SANITIZER STREQUAL "undefined")
+  add_compile_options(-fsanitize=undefined -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=undefined)
+elseif(NOT TOBRIN_SANITIZER STREQUAL "")
+  message(FATAL_ERROR "TOBRIN_SANITIZER must be address, thread, undefined or empty")
+endif()
+
+function(tobrin_target_defaults target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+                                           -Wno-sign-conversion)
+endfunction()
