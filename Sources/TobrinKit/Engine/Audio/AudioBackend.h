@@ -1,0 +1,78 @@
+#pragma once
+
+// The seam between AudioOutput and a sound server (or the null device).
+//
+// Thread contract:
+//   control side (AudioOutput, under its lock): the constructor, start, pause,
+//                                               isRunning, the destructor
+//   backend's own thread (real-time):           Callbacks::render
+//   backend's own threads (any, not real-time): Callbacks::configurationChanged
+// A backend never calls render after pause() or its destructor has returned.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tobrin {
+
+class AudioBackend {
+public:
+    struct Callbacks {
+        // Fills `frames` frames of the non-interleaved float channels. Called
+        // with one or two channel pointers; must not allocate, lock or log.
+        void (*render)(void* context, float* const* channels, std::uint32_t channelCount,
+                       std::uint32_t frames) = nullptr;
+        // The server restarted, the connection was lost or the default device
+        // changed: the owner reconnects. Never called from inside render.
+        void (*configurationChanged)(void* context) = nullptr;
+        void* context = nullptr;
+    };
+
+    struct Format {
+        double sampleRate = 48000;
+        std::uint32_t channels = 2;
+        std::uint32_t bufferFrames = 256; // requested device buffer
+    };
+
+    virtual ~AudioBackend() = default;
+
+    // Connects if needed and starts pulling blocks through render. False with
+    // `error` filled (a sentence a user can read) when that is impossible.
+    virtual bool start(std::string& error) = 0;
+    // Stops pulling blocks; returns once render is no longer running.
+    virtual void pause() = 0;
+    virtual bool isRunning() const = 0;
+};
+
+// How to make one kind of backend. Backends that live in targets of their own
+// (they link a sound server's library) hand one of these to
+// AudioBackends::add() at start-up; the null device is always registered.
+struct AudioBackendFactory {
+    std::string name;                 // what TOBRIN_AUDIO names it by
+    std::function<bool()> isReachable; // cheap probe, e.g. the server's socket exists
+    std::function<std::unique_ptr<AudioBackend>(const AudioBackend::Format&,
+                                                const AudioBackend::Callbacks&)>
+        create;
+};
+
+// The process-wide list of backend kinds, in order of preference.
+namespace AudioBackends {
+
+// Registers a backend kind ahead of the null device. Registering a name twice
+// replaces the earlier entry. Thread-safe.
+void add(AudioBackendFactory factory);
+
+// Every registered kind in order of preference, the null device last.
+std::vector<AudioBackendFactory> registered();
+
+// The kinds to try, in order: the one named by `forced` alone when it is set
+// and not empty (none when no such kind exists); otherwise every kind of
+// `available` that reports itself reachable.
+std::vector<AudioBackendFactory> candidates(const std::vector<AudioBackendFactory>& available,
+                                            std::string_view forced);
+
+} // namespace AudioBackends
+} // namespace tobrin

@@ -1,0 +1,201 @@
+#include "TobrinKit/Engine/Audio/NullAudioBackend.h"
+#include "TobrinKit/Engine/AudioOutput.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace tobrin {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The real null device, wrapped so a test can see how often the output
+// connected and reach the callbacks a backend was given.
+struct BackendProbe {
+    std::atomic<int> created{0};
+    AudioBackend::Callbacks callbacks{};
+};
+
+AudioBackendFactory countedNullDevice(const std::shared_ptr<BackendProbe>& probe) {
+    AudioBackendFactory factory = NullAudioBackend::factory();
+    factory.create = [probe, create = factory.create](const AudioBackend::Format& format,
+                                                      const AudioBackend::Callbacks& callbacks) {
+        probe->callbacks = callbacks;
+        probe->created += 1;
+        return create(format, callbacks);
+    };
+    return factory;
+}
+
+template <typename Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 2000ms) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (predicate()) return true;
+        std::this_thread::sleep_for(2ms);
+    }
+    return predicate();
+}
+
+TEST(AudioOutput, NullDeviceRendersBlocksAtRealTimePace) {
+    AudioOutput output({NullAudioBackend::factory()}, "");
+    ASSERT_TRUE(output.start());
+    EXPECT_EQ(output.backendName(), "null");
+    ASSERT_TRUE(eventually([&] { return output.renderedFrames() > 0; }));
+
+    const auto frames0 = output.renderedFrames();
+    const auto time0 = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(400ms);
+    const auto frames1 = output.renderedFrames();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - time0).count();
+
+    EXPECT_EQ(frames1 % AudioOutput::bufferFrames, 0u);
+    const double rate = double(frames1 - frames0) / seconds;
+    EXPECT_GT(rate, 0.8 * AudioOutput::sampleRate);
+    EXPECT_LT(rate, 1.2 * AudioOutput::sampleRate);
+}
+
+TEST(AudioOutput, StartTwiceKeepsTheConnectionAndPauseStopsRendering) {
+    auto probe = std::make_shared<BackendProbe>();
+    AudioOutput output({countedNullDevice(probe)}, "");
+    EXPECT_FALSE(output.isRunning());
+    ASSERT_TRUE(output.start());
+    ASSERT_TRUE(output.start());
+    EXPECT_EQ(probe->created, 1);
+    EXPECT_TRUE(output.isRunning());
+    ASSERT_TRUE(eventually([&] { return output.renderedFrames() > 0; }));
+
+    output.pause();
+    EXPECT_FALSE(output.isRunning());
+    const auto frozen = output.renderedFrames();
+    std::this_thread::sleep_for(30ms);
+    EXPECT_EQ(output.renderedFrames(), frozen);
+
+    ASSERT_TRUE(output.start());
+    EXPECT_EQ(probe->created, 1); // resumed on the same connection
+    EXPECT_TRUE(eventually([&] { return output.renderedFrames() > frozen; }));
+}
+
+TEST(AudioOutput, DeviceChangeReconnectsARunningOutputAndLeavesAPausedOnePaused) {
+    auto probe = std::make_shared<BackendProbe>();
+    AudioOutput output({countedNullDevice(probe)}, "");
+    ASSERT_TRUE(output.start());
+
+    output.handleConfigurationChange();
+    EXPECT_TRUE(output.isRunning());
+    EXPECT_EQ(probe->created, 2);
+    const auto before = output.renderedFrames();
+    EXPECT_TRUE(eventually([&] { return output.renderedFrames() > before; }));
+
+    output.pause();
+    output.handleConfigurationChange();
+    EXPECT_FALSE(output.isRunning());
+    EXPECT_EQ(probe->created, 2);
+    const auto frozen = output.renderedFrames();
+    std::this_thread::sleep_for(30ms);
+    EXPECT_EQ(output.renderedFrames(), frozen);
+
+    ASSERT_TRUE(output.start()); // connects to the new device only now
+    EXPECT_EQ(probe->created, 3);
+}
+
+TEST(AudioOutput, BackendReportedChangeFromItsOwnThreadReconnects) {
+    auto probe = std::make_shared<BackendProbe>();
+    AudioOutput output({countedNullDevice(probe)}, "");
+    ASSERT_TRUE(output.start());
+    const auto callbacks = probe->callbacks;
+    std::thread serverThread([&] { callbacks.configurationChanged(callbacks.context); });
+    serverThread.join();
+    EXPECT_TRUE(eventually([&] { return probe->created == 2 && output.isRunning(); }));
+}
+
+TEST(AudioOutput, ForcedBackendThatDoesNotExistFailsWithAMessageAndRetriesLater) {
+    ::setenv("TOBRIN_AUDIO", "pulse", 1);
+    AudioOutput output;
+    ::unsetenv("TOBRIN_AUDIO");
+
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(output.start());
+    const std::string printed = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(output.isRunning());
+    EXPECT_EQ(printed, "Tobrin: audio engine failed to start: no audio backend named pulse\n");
+    EXPECT_EQ(output.backendName(), "");
+
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(output.start());
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(AudioBackends, CandidatesFollowTheForcedNameOrReachabilityInOrder) {
+    auto named = [](std::string name, bool reachable) {
+        AudioBackendFactory factory = NullAudioBackend::factory();
+        factory.name = std::move(name);
+        factory.isReachable = [reachable] { return reachable; };
+        return factory;
+    };
+    const std::vector<AudioBackendFactory> available{named("pipewire", false), named("pulse", true),
+                                                     named("null", true)};
+    struct Case {
+        std::string forced;
+        std::vector<std::string> expected;
+    };
+    const std::vector<Case> cases{
+        {"", {"pulse", "null"}},
+        {"pipewire", {"pipewire"}}, // forcing ignores the probe
+        {"null", {"null"}},
+        {"alsa", {}},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> names;
+        for (const auto& factory : AudioBackends::candidates(available, c.forced))
+            names.push_back(factory.name);
+        EXPECT_EQ(names, c.expected) << "forced: " << c.forced;
+    }
+
+    const auto registered = AudioBackends::registered();
+    ASSERT_FALSE(registered.empty());
+    EXPECT_EQ(registered.back().name, "null");
+}
+
+TEST(AudioOutput, RenderCallbackMixesMonoIntoASingleChannelBuffer) {
+    constexpr std::uint32_t frames = 64;
+    std::vector<float> sourceLeft(frames, 0.4f), sourceRight(frames, 0.2f);
+    TBCommand command{};
+    command.type = TB_COMMAND_START;
+    command.tag = 1;
+    command.layers[0] = TBSample{sourceLeft.data(), sourceRight.data(), frames};
+    command.weights[0] = 1.0f;
+    command.rate = 1.0f;
+
+    struct Case {
+        std::uint32_t channelCount;
+        bool rightIsNull;
+        float expectedLeft, expectedRight;
+    };
+    // Pan 0 gives unity gain on both sides; mono is half the sum.
+    const Case cases[] = {{2, false, 0.4f, 0.2f}, {1, false, 0.3f, 0.0f}, {2, true, 0.3f, 0.0f}};
+    for (const auto& c : cases) {
+        AudioOutput output({NullAudioBackend::factory()}, "");
+        ASSERT_TRUE(tb_mixer_push(output.mixer(), &command));
+        std::vector<float> left(frames, -1.0f), right(frames, 0.0f);
+        float* channels[2] = {left.data(), c.rightIsNull ? nullptr : right.data()};
+        AudioOutput::render(output.mixer(), channels, c.channelCount, frames);
+        EXPECT_NEAR(left[10], c.expectedLeft, 1e-6f) << c.channelCount << c.rightIsNull;
+        EXPECT_NEAR(right[10], c.expectedRight, 1e-6f) << c.channelCount << c.rightIsNull;
+        EXPECT_EQ(output.renderedFrames(), frames);
+    }
+
+    AudioOutput silent({NullAudioBackend::factory()}, "");
+    float* noChannels[2] = {nullptr, nullptr};
+    AudioOutput::render(silent.mixer(), noChannels, 2, frames);
+    EXPECT_EQ(silent.renderedFrames(), 0u);
+}
+
+} // namespace
+} // namespace tobrin
