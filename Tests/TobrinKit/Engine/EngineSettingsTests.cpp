@@ -1,0 +1,102 @@
+#include "TobrinKit/Engine/EngineSettings.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace tobrin {
+namespace {
+
+EngineSettings decode(const char* text) { return nlohmann::json::parse(text).get<EngineSettings>(); }
+
+TEST(EngineSettings, EmptyObjectDecodesToTheDefaults) {
+    const EngineSettings decoded = decode("{}");
+    EXPECT_EQ(decoded, EngineSettings());
+    EXPECT_TRUE(decoded.enabled);
+    EXPECT_FLOAT_EQ(decoded.volume, 0.7f);
+    EXPECT_EQ(decoded.fixedTier, Tier::medium);
+    EXPECT_FLOAT_EQ(decoded.spatial, 0.5f);
+    EXPECT_EQ(decoded.shortcut.keyCode, 40u);
+    EXPECT_EQ(decoded.shortcut.modifiers.rawValue, 11u);
+}
+
+TEST(EngineSettings, MissingKeysKeepTheirDefaults) {
+    EngineSettings expected;
+    expected.volume = 0.2f;
+    EXPECT_EQ(decode(R"({"volume": 0.2})"), expected);
+
+    expected = EngineSettings();
+    expected.fixedTier = Tier::slam;
+    expected.releaseSounds = false;
+    EXPECT_EQ(decode(R"({"fixedTier": 3, "releaseSounds": false, "someFutureKey": [1, 2]})"), expected);
+}
+
+TEST(EngineSettings, InvalidValuesFailDecoding) {
+    const char* broken[] = {
+        R"({"fixedTier": 7})",
+        R"({"fixedTier": -1})",
+        R"({"fixedTier": "hard"})",
+        R"({"enabled": "yes"})",
+        R"({"volume": null})",
+        R"({"volume": "loud"})",
+        R"({"shortcut": {"keyCode": 40}})",
+        R"({"shortcut": {"keyCode": -3, "modifiers": 11}})",
+        R"([])",
+    };
+    for (const char* text : broken) {
+        SCOPED_TRACE(text);
+        EXPECT_THROW(decode(text), nlohmann::json::exception);
+    }
+}
+
+TEST(EngineSettings, FailedDecodingLeavesTheTargetUntouched) {
+    EngineSettings settings;
+    settings.volume = 1.5f;
+    EXPECT_THROW(nlohmann::json::parse(R"({"volume": 0.1, "fixedTier": 7})").get_to(settings),
+                 nlohmann::json::exception);
+    EXPECT_FLOAT_EQ(settings.volume, 1.5f);
+}
+
+TEST(EngineSettings, EncodesAllElevenKeysAndRoundTrips) {
+    EngineSettings settings;
+    settings.enabled = false;
+    settings.volume = 1.25f;
+    settings.forceSensing = false;
+    settings.sensitivity = 0.35f;
+    settings.fixedTier = Tier::hard;
+    settings.blendTiers = false;
+    settings.releaseSounds = false;
+    settings.spatial = 0.9f;
+    settings.quietDuringCalls = false;
+    settings.shortcutEnabled = false;
+    settings.shortcut = Hotkey{17, Modifiers::control | Modifiers::shift};
+
+    const nlohmann::json json = settings;
+    const char* keys[] = {"enabled",       "volume", "forceSensing",     "sensitivity",     "fixedTier", "blendTiers",
+                          "releaseSounds", "spatial", "quietDuringCalls", "shortcutEnabled", "shortcut"};
+    EXPECT_EQ(json.size(), 11u);
+    for (const char* key : keys) EXPECT_TRUE(json.contains(key)) << key;
+    EXPECT_EQ(json["fixedTier"], nlohmann::json(2));
+    EXPECT_EQ(json["shortcut"], nlohmann::json::parse(R"({"keyCode": 17, "modifiers": 5})"));
+
+    EXPECT_EQ(nlohmann::json::parse(json.dump()).get<EngineSettings>(), settings);
+}
+
+TEST(EngineSettings, WritesFloatsAsTheirShortestDecimal) {
+    const std::string text = nlohmann::json(EngineSettings()).dump();
+    EXPECT_NE(text.find(R"("volume":0.7)"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"("spatial":0.5)"), std::string::npos) << text;
+    EngineSettings odd;
+    odd.sensitivity = 1.0f / 3.0f;
+    EXPECT_EQ(nlohmann::json::parse(nlohmann::json(odd).dump()).get<EngineSettings>().sensitivity, odd.sensitivity);
+}
+
+TEST(ForceReading, ComparesEveryField) {
+    const ForceReading reading{12, 1.5f, 1.2f, 0.03f, true};
+    EXPECT_EQ(reading, (ForceReading{12, 1.5f, 1.2f, 0.03f, true}));
+    EXPECT_NE(reading, (ForceReading{13, 1.5f, 1.2f, 0.03f, true}));
+    EXPECT_NE(reading, (ForceReading{12, 1.5f, 1.2f, 0.03f, false}));
+    EXPECT_NE(reading, (ForceReading{12, 1.5f, 1.2f, 0.04f, true}));
+}
+
+} // namespace
+} // namespace tobrin
