@@ -10,6 +10,12 @@
 #include <numbers>
 #include <type_traits>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+#include "TobrinMixerInternal.h"
+
 static_assert(std::is_trivially_copyable_v<TBCommand>, "commands are copied whole through the ring");
 static_assert(std::is_trivially_copyable_v<TBSample>);
 
@@ -79,10 +85,13 @@ struct TBMixer {
     std::atomic<std::uint64_t> droppedCommands;
 
     // Render-thread scratch, kept here rather than on the audio thread's stack.
-    double positions[chunkFrames];
+    std::uint32_t indices[chunkFrames]; // whole part of each frame's read position
+    float fractions[chunkFrames];        // and its fractional part
     float rampGains[layerCount][chunkFrames];
     float mixLeft[chunkFrames];
     float mixRight[chunkFrames];
+
+    bool useGather; // the processor has AVX2, decided once at creation
 };
 
 namespace {
@@ -179,15 +188,23 @@ void drainCommands(TBMixer& mixer) {
 }
 
 // Walks the voice through up to `frames` frames, recording each frame's read
-// position (and, while a ramp runs, each layer's gain) in the scratch buffers.
-// Returns how many frames are to be written; clears `active` when the voice ends
-// within them (past its end, or a release ramp reaching zero, whose last frame
-// is not written).
+// position (split into index and fraction, shared by all four layers) and, while
+// a ramp runs, each layer's gain. Returns how many frames are to be written;
+// clears `active` when the voice ends within them (past its end, or a release
+// ramp reaching zero, whose last frame is not written).
 std::uint32_t planChunk(TBMixer& mixer, Voice& voice, std::uint32_t frames, bool& ramped) {
     double position = voice.position;
     const double length = voice.length;
     const double rate = voice.rate;
-    double* positions = mixer.positions;
+    std::uint32_t* indices = mixer.indices;
+    float* fractions = mixer.fractions;
+    // Positions stay below the length, a 32-bit count, so the signed 64-bit
+    // conversion (one instruction) is exact.
+    const auto record = [&](std::uint32_t i) {
+        const auto k = static_cast<std::uint32_t>(static_cast<std::int64_t>(position));
+        indices[i] = k;
+        fractions[i] = static_cast<float>(position - double(k));
+    };
     std::uint32_t i = 0;
     ramped = voice.rampLeft > 0;
     if (!ramped) {
@@ -196,7 +213,7 @@ std::uint32_t planChunk(TBMixer& mixer, Voice& voice, std::uint32_t frames, bool
                 voice.active = 0;
                 break;
             }
-            positions[i] = position;
+            record(i);
             position += rate;
         }
     } else {
@@ -205,7 +222,7 @@ std::uint32_t planChunk(TBMixer& mixer, Voice& voice, std::uint32_t frames, bool
                 voice.active = 0;
                 break;
             }
-            positions[i] = position;
+            record(i);
             for (int l = 0; l < layerCount; ++l) mixer.rampGains[l][i] = voice.gain[l];
             if (voice.rampLeft > 0) {
                 if (--voice.rampLeft > 0) {
@@ -225,68 +242,137 @@ std::uint32_t planChunk(TBMixer& mixer, Voice& voice, std::uint32_t frames, bool
     return i;
 }
 
-// Interpolated read of one channel at a fractional position: sample k when the
-// position is whole, else the line from k to k + 1 (k + 1 past the end is 0).
-inline float readAt(const float* samples, std::uint64_t frames, std::uint64_t k, double fraction) {
-    const float a = samples[k];
-    if (fraction == 0.0) return a;
-    const float b = k + 1 < frames ? samples[k + 1] : 0.0f;
-    return a + (b - a) * static_cast<float>(fraction);
+// Sample k when the position is whole, else the line from k to next.
+inline float interpolate(float a, float next, float fraction) {
+    return fraction == 0.0f ? a : a + (next - a) * fraction;
 }
 
-// Adds one layer into the chunk's mix. `gains` is null when the gain is the
-// constant `gain` for the whole chunk. Positions only grow, so the first frame
-// past the layer's end ends the loop: every later one adds 0.
-template <bool Stereo>
+#if defined(__x86_64__)
+// g × the interpolated samples at eight read positions (zero where a ramped
+// gain is zero).
+template <bool Ramped>
+__attribute__((target("avx2"))) inline __m256 gatheredContribution(const float* samples, __m256i k, __m256i next,
+                                                                    __m256 f, __m256 whole, __m256 g,
+                                                                    __m256 silent) {
+    const __m256 a = _mm256_i32gather_ps(samples, k, 4);
+    const __m256 b = _mm256_i32gather_ps(samples, next, 4);
+    __m256 v = _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), f));
+    v = _mm256_blendv_ps(v, a, whole);
+    const __m256 c = _mm256_mul_ps(g, v);
+    return Ramped ? _mm256_blendv_ps(c, _mm256_setzero_ps(), silent) : c;
+}
+
+// The bulk run of mixLayer with AVX2 gathers, eight frames at a time. Same
+// operations in the same order as the portable loop (no fused multiply-add),
+// so the samples are identical. Gather indices are signed 32-bit: the caller
+// only comes here for layers shorter than 2^31 frames.
+template <bool Stereo, bool Ramped>
+__attribute__((target("avx2"))) std::uint32_t mixLayerGather(TBMixer& mixer, const VoiceLayer& layer,
+                                                              std::uint32_t inside, float gain, const float* gains) {
+    const std::uint32_t* indices = mixer.indices;
+    const float* fractions = mixer.fractions;
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256i one = _mm256_set1_epi32(1);
+    const __m256 constantGain = _mm256_set1_ps(gain);
+    std::uint32_t i = 0;
+    for (; i + 8 <= inside; i += 8) {
+        const __m256i k = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(indices + i));
+        const __m256i next = _mm256_add_epi32(k, one);
+        const __m256 f = _mm256_loadu_ps(fractions + i);
+        const __m256 whole = _mm256_cmp_ps(f, zero, _CMP_EQ_OQ);
+        const __m256 g = Ramped ? _mm256_loadu_ps(gains + i) : constantGain;
+        const __m256 silent = Ramped ? _mm256_cmp_ps(g, zero, _CMP_EQ_OQ) : zero;
+        _mm256_storeu_ps(mixer.mixLeft + i, _mm256_add_ps(_mm256_loadu_ps(mixer.mixLeft + i), gatheredContribution<Ramped>(layer.left, k, next, f, whole, g, silent)));
+        if constexpr (Stereo) {
+            _mm256_storeu_ps(mixer.mixRight + i,
+                             _mm256_add_ps(_mm256_loadu_ps(mixer.mixRight + i), gatheredContribution<Ramped>(layer.right, k, next, f, whole, g, silent)));
+        }
+    }
+    return i;
+}
+#endif
+
+// Adds one layer into the chunk's mix. Read positions only grow, so the frames
+// split into three runs: both neighbours inside the layer (the bulk, without
+// bounds checks), the last sample (its right neighbour counts as 0), and past
+// the end, which adds nothing. With `gains` the gain changes per frame (a ramp);
+// a zero gain contributes nothing, not even a NaN.
+template <bool Stereo, bool Ramped>
 void mixLayer(TBMixer& mixer, const VoiceLayer& layer, std::uint32_t frames, float gain, const float* gains) {
-    const double* positions = mixer.positions;
+    const std::uint32_t* indices = mixer.indices;
+    const float* fractions = mixer.fractions;
     float* mixLeft = mixer.mixLeft;
     float* mixRight = mixer.mixRight;
     const float* left = layer.left;
     const float* right = layer.right;
     const std::uint64_t layerFrames = layer.frames;
-    for (std::uint32_t i = 0; i < frames; ++i) {
-        const double position = positions[i];
-        const std::uint64_t k = static_cast<std::uint64_t>(position);
-        if (k >= layerFrames) break;
-        const float g = gains != nullptr ? gains[i] : gain;
-        if (g == 0.0f) continue;
-        const double fraction = position - double(k);
-        const float l = g * readAt(left, layerFrames, k, fraction);
-        mixLeft[i] += l;
+
+    if (frames == 0 || indices[0] >= layerFrames) return;
+    const std::uint32_t* end = indices + frames;
+    const std::uint32_t inside =
+        indices[frames - 1] + std::uint64_t(1) < layerFrames
+            ? frames
+            : std::uint32_t(std::partition_point(indices, end, [&](std::uint32_t k) { return k + std::uint64_t(1) < layerFrames; }) - indices);
+    const std::uint32_t readable = std::uint32_t(
+        std::partition_point(indices + inside, end, [&](std::uint32_t k) { return k < layerFrames; }) - indices);
+
+    const auto add = [&](std::uint32_t frame, float nextLeft, float nextRight) {
+        const std::uint32_t k = indices[frame];
+        const float f = fractions[frame];
+        const float g = Ramped ? gains[frame] : gain;
+        const float l = interpolate(left[k], nextLeft, f);
+        mixLeft[frame] += (Ramped && g == 0.0f) ? 0.0f : g * l;
         if constexpr (Stereo) {
-            mixRight[i] += right == left ? l : g * readAt(right, layerFrames, k, fraction);
+            const float r = interpolate(right[k], nextRight, f);
+            mixRight[frame] += (Ramped && g == 0.0f) ? 0.0f : g * r;
+        }
+    };
+    std::uint32_t i = 0;
+#if defined(__x86_64__)
+    if (mixer.useGather && layerFrames < (std::uint64_t(1) << 31)) {
+        i = mixLayerGather<Stereo, Ramped>(mixer, layer, inside, gain, gains);
+    }
+#endif
+    for (; i < inside; ++i) {
+        const std::uint32_t k = indices[i];
+        add(i, left[k + 1], Stereo ? right[k + 1] : 0.0f);
+    }
+    for (i = inside; i < readable; ++i) add(i, 0.0f, 0.0f);
+}
+
+template <bool Stereo>
+void mixLayers(TBMixer& mixer, const Voice& voice, std::uint32_t count, bool ramped) {
+    for (int l = 0; l < layerCount; ++l) {
+        const VoiceLayer& layer = voice.layers[l];
+        if (layer.left == nullptr) continue;
+        if (ramped) {
+            mixLayer<Stereo, true>(mixer, layer, count, 0.0f, mixer.rampGains[l]);
+        } else if (voice.gain[l] != 0.0f) {
+            // Outside a ramp the voice's gain held for the whole chunk.
+            mixLayer<Stereo, false>(mixer, layer, count, voice.gain[l], nullptr);
         }
     }
 }
 
 void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std::uint32_t frames) {
+    // Mono layers leave the right mix equal to the left one, so it is computed
+    // only when some layer has a distinct right channel.
+    bool stereoSource = false;
+    for (const VoiceLayer& layer : voice.layers) {
+        stereoSource |= layer.left != nullptr && layer.right != layer.left;
+    }
     for (std::uint32_t offset = 0; offset < frames && voice.active; offset += chunkFrames) {
         const std::uint32_t chunk = std::min(chunkFrames, frames - offset);
         bool ramped = false;
         const std::uint32_t count = planChunk(mixer, voice, chunk, ramped);
         if (count == 0) continue;
 
-        // Mono layers leave the right mix equal to the left one, so it is
-        // computed only when some layer has a distinct right channel.
-        bool stereoSource = false;
-        for (const VoiceLayer& layer : voice.layers) {
-            stereoSource |= layer.left != nullptr && layer.right != layer.left;
-        }
         std::fill_n(mixer.mixLeft, count, 0.0f);
-        if (stereoSource) std::fill_n(mixer.mixRight, count, 0.0f);
-        for (int l = 0; l < layerCount; ++l) {
-            const VoiceLayer& layer = voice.layers[l];
-            if (layer.left == nullptr) continue;
-            // Outside a ramp the gain was the voice's gain for the whole chunk.
-            const float* gains = ramped ? mixer.rampGains[l] : nullptr;
-            const float gain = ramped ? 0.0f : voice.gain[l];
-            if (!ramped && gain == 0.0f) continue;
-            if (stereoSource) {
-                mixLayer<true>(mixer, layer, count, gain, gains);
-            } else {
-                mixLayer<false>(mixer, layer, count, gain, gains);
-            }
+        if (stereoSource) {
+            std::fill_n(mixer.mixRight, count, 0.0f);
+            mixLayers<true>(mixer, voice, count, ramped);
+        } else {
+            mixLayers<false>(mixer, voice, count, ramped);
         }
 
         const float* mixLeft = mixer.mixLeft;
@@ -332,6 +418,8 @@ void applyMaster(TBMixer& mixer, float target, float* left, float* right, std::u
 
 extern "C" {
 
+bool tobrin_mixer_portable_only = false;
+
 TBMixer* tb_mixer_create(float sampleRate, float crossfadeMs) {
     TBMixer* mixer = new (std::nothrow) TBMixer();
     if (mixer == nullptr) return nullptr;
@@ -341,6 +429,10 @@ TBMixer* tb_mixer_create(float sampleRate, float crossfadeMs) {
     mixer->releaseFrames = framesFor(6.0, mixer->sampleRate);
     mixer->masterTarget.store(1.0f, std::memory_order_relaxed);
     mixer->masterCurrent = 1.0f;
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    mixer->useGather = __builtin_cpu_supports("avx2") && !tobrin_mixer_portable_only;
+#endif
     return mixer;
 }
 

@@ -1,0 +1,182 @@
+// Proves that pushing and rendering never allocate, free or lock: this program
+// replaces the allocator entry points and pthread_mutex_lock with versions that
+// count calls made while the current thread is inside a mixer call.
+#include "MixerTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void* __libc_memalign(size_t, size_t);
+void __libc_free(void*);
+}
+
+namespace {
+
+thread_local bool insideMixer = false;
+std::atomic<int> forbiddenCalls{0};
+
+void noteCall() {
+    if (insideMixer) forbiddenCalls.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Marks the current thread as inside the mixer for the guard's lifetime.
+struct RealtimeSection {
+    RealtimeSection() { insideMixer = true; }
+    ~RealtimeSection() { insideMixer = false; }
+};
+
+} // namespace
+
+extern "C" {
+void* malloc(size_t size) {
+    noteCall();
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+    noteCall();
+    return __libc_calloc(count, size);
+}
+void* realloc(void* pointer, size_t size) {
+    noteCall();
+    return __libc_realloc(pointer, size);
+}
+void free(void* pointer) {
+    noteCall();
+    __libc_free(pointer);
+}
+void* aligned_alloc(size_t alignment, size_t size) {
+    noteCall();
+    return __libc_memalign(alignment, size);
+}
+int posix_memalign(void** out, size_t alignment, size_t size) {
+    noteCall();
+    *out = __libc_memalign(alignment, size);
+    return *out != nullptr ? 0 : ENOMEM;
+}
+int pthread_mutex_lock(pthread_mutex_t* mutex) {
+    noteCall();
+    using Lock = int (*)(pthread_mutex_t*);
+    static const Lock real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    return real(mutex);
+}
+}
+
+void* operator new(std::size_t size) {
+    noteCall();
+    if (void* p = __libc_malloc(size == 0 ? 1 : size)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    noteCall();
+    if (void* p = __libc_memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) { return operator new(size, alignment); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    noteCall();
+    return __libc_malloc(size == 0 ? 1 : size);
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    noteCall();
+    return __libc_memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size);
+}
+void operator delete(void* p) noexcept {
+    noteCall();
+    __libc_free(p);
+}
+void operator delete[](void* p) noexcept { operator delete(p); }
+void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
+void operator delete[](void* p, std::size_t) noexcept { operator delete(p); }
+void operator delete(void* p, std::align_val_t) noexcept { operator delete(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { operator delete(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { operator delete(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { operator delete(p); }
+
+namespace tobrin::test {
+namespace {
+
+TEST(MixerRealtime, TheHooksSeeAllocationsFreesAndLocks) {
+    // Without this the test below could pass because the hooks never fire.
+    auto callsDuring = [](auto&& action) {
+        forbiddenCalls = 0;
+        {
+            RealtimeSection section;
+            action();
+        }
+        return forbiddenCalls.load();
+    };
+    int* volatile kept = nullptr;
+    EXPECT_EQ(callsDuring([&] { kept = new int(3); }), 1);
+    EXPECT_EQ(callsDuring([&] { delete kept; }), 1);
+    void* volatile block = nullptr;
+    EXPECT_EQ(callsDuring([&] { block = malloc(16); }), 1);
+    EXPECT_EQ(callsDuring([&] { free(block); }), 1);
+    std::mutex mutex;
+    EXPECT_EQ(callsDuring([&] { mutex.lock(); }), 1);
+    mutex.unlock();
+}
+
+TEST(MixerRealtime, PushAndRenderNeverAllocateFreeOrLock) {
+    auto mixer = makeMixer();
+    std::vector<std::vector<float>> takes;
+    for (int i = 0; i < 8; ++i) takes.push_back(constant(0.01f * float(i + 1), 2000 + 500 * i));
+    const auto right = constant(-0.01f, 5000);
+    std::vector<float> left(1024), out(1024);
+
+    forbiddenCalls = 0;
+    {
+        RealtimeSection section;
+        // 40 four-layer starts: 32 voices, then 8 taken over.
+        for (std::uint32_t tag = 1; tag <= 40; ++tag) {
+            TBCommand start{};
+            start.type = TB_COMMAND_START;
+            start.tag = tag;
+            for (int l = 0; l < 4; ++l) {
+                start.layers[l] = sampleOf(takes[(tag + l) % 8], l % 2 == 0 ? &right : nullptr);
+                start.weights[l] = 0.2f;
+            }
+            start.pan = float(tag % 5) * 0.4f - 0.8f;
+            start.rate = 0.9f + 0.01f * float(tag % 20);
+            tb_mixer_push(mixer.get(), &start);
+        }
+        tb_mixer_render(mixer.get(), left.data(), out.data(), 256);
+        // Weight ramps on half the voices, then blocks of several sizes.
+        for (std::uint32_t tag = 9; tag <= 40; tag += 2) {
+            TBCommand change = weightsCommand(tag, {0.5f, 0.1f, 0.0f, 0.3f});
+            tb_mixer_push(mixer.get(), &change);
+        }
+        tb_mixer_set_master(mixer.get(), 0.6f);
+        for (std::uint32_t frames : {256u, 1u, 0u, 1000u, 256u}) {
+            tb_mixer_render(mixer.get(), left.data(), out.data(), frames);
+            tb_mixer_render(mixer.get(), left.data(), nullptr, frames);
+        }
+        // A full ring, a refused push, then a release-all.
+        const TBCommand filler = weightsCommand(12345, {1});
+        while (tb_mixer_push(mixer.get(), &filler)) {
+        }
+        const TBCommand release = releaseAllCommand();
+        tb_mixer_render(mixer.get(), left.data(), out.data(), 256);
+        tb_mixer_push(mixer.get(), &release);
+        for (int i = 0; i < 4; ++i) tb_mixer_render(mixer.get(), left.data(), out.data(), 256);
+        (void)tb_mixer_active_voices(mixer.get());
+        (void)tb_mixer_dropped_commands(mixer.get());
+    }
+    EXPECT_EQ(forbiddenCalls.load(), 0);
+    EXPECT_EQ(tb_mixer_started_voices(mixer.get()), 40u);
+    EXPECT_GE(tb_mixer_dropped_commands(mixer.get()), 1u);
+    EXPECT_EQ(tb_mixer_active_voices(mixer.get()), 0u);
+}
+
+} // namespace
+} // namespace tobrin::test
