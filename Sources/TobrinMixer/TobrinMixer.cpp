@@ -86,7 +86,7 @@ struct TBMixer {
 
     // Render-thread scratch, kept here rather than on the audio thread's stack.
     std::uint32_t indices[chunkFrames]; // whole part of each frame's read position
-    float fractions[chunkFrames];        // and its fractional part
+    float fractions[chunkFrames];       // and its fractional part
     float rampGains[layerCount][chunkFrames];
     float mixLeft[chunkFrames];
     float mixRight[chunkFrames];
@@ -252,8 +252,7 @@ inline float interpolate(float a, float next, float fraction) {
 // gain is zero).
 template <bool Ramped>
 __attribute__((target("avx2"))) inline __m256 gatheredContribution(const float* samples, __m256i k, __m256i next,
-                                                                    __m256 f, __m256 whole, __m256 g,
-                                                                    __m256 silent) {
+                                                                   __m256 f, __m256 whole, __m256 g, __m256 silent) {
     const __m256 a = _mm256_i32gather_ps(samples, k, 4);
     const __m256 b = _mm256_i32gather_ps(samples, next, 4);
     __m256 v = _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), f));
@@ -268,7 +267,7 @@ __attribute__((target("avx2"))) inline __m256 gatheredContribution(const float* 
 // only comes here for layers shorter than 2^31 frames.
 template <bool Stereo, bool Ramped>
 __attribute__((target("avx2"))) std::uint32_t mixLayerGather(TBMixer& mixer, const VoiceLayer& layer,
-                                                              std::uint32_t inside, float gain, const float* gains) {
+                                                             std::uint32_t inside, float gain, const float* gains) {
     const std::uint32_t* indices = mixer.indices;
     const float* fractions = mixer.fractions;
     const __m256 zero = _mm256_setzero_ps();
@@ -282,10 +281,13 @@ __attribute__((target("avx2"))) std::uint32_t mixLayerGather(TBMixer& mixer, con
         const __m256 whole = _mm256_cmp_ps(f, zero, _CMP_EQ_OQ);
         const __m256 g = Ramped ? _mm256_loadu_ps(gains + i) : constantGain;
         const __m256 silent = Ramped ? _mm256_cmp_ps(g, zero, _CMP_EQ_OQ) : zero;
-        _mm256_storeu_ps(mixer.mixLeft + i, _mm256_add_ps(_mm256_loadu_ps(mixer.mixLeft + i), gatheredContribution<Ramped>(layer.left, k, next, f, whole, g, silent)));
+        _mm256_storeu_ps(mixer.mixLeft + i,
+                         _mm256_add_ps(_mm256_loadu_ps(mixer.mixLeft + i),
+                                       gatheredContribution<Ramped>(layer.left, k, next, f, whole, g, silent)));
         if constexpr (Stereo) {
             _mm256_storeu_ps(mixer.mixRight + i,
-                             _mm256_add_ps(_mm256_loadu_ps(mixer.mixRight + i), gatheredContribution<Ramped>(layer.right, k, next, f, whole, g, silent)));
+                             _mm256_add_ps(_mm256_loadu_ps(mixer.mixRight + i),
+                                           gatheredContribution<Ramped>(layer.right, k, next, f, whole, g, silent)));
         }
     }
     return i;
@@ -312,7 +314,9 @@ void mixLayer(TBMixer& mixer, const VoiceLayer& layer, std::uint32_t frames, flo
     const std::uint32_t inside =
         indices[frames - 1] + std::uint64_t(1) < layerFrames
             ? frames
-            : std::uint32_t(std::partition_point(indices, end, [&](std::uint32_t k) { return k + std::uint64_t(1) < layerFrames; }) - indices);
+            : std::uint32_t(std::partition_point(indices, end,
+                                                 [&](std::uint32_t k) { return k + std::uint64_t(1) < layerFrames; }) -
+                            indices);
     const std::uint32_t readable = std::uint32_t(
         std::partition_point(indices + inside, end, [&](std::uint32_t k) { return k < layerFrames; }) - indices);
 

@@ -84,7 +84,9 @@ TEST(MixerRing, IgnoresUnknownTypesAndStartsWithoutSound) {
     const TBCommand zeroFrames = startCommand(3, {TBSample{take.data(), nullptr, 0}}, {1});
     // A layer with frames but no samples does not count toward the length.
     const TBCommand framesWithoutSamples = startCommand(4, {TBSample{nullptr, nullptr, 100}}, {1});
-    for (const TBCommand* c : std::initializer_list<const TBCommand*>{&unknown, &empty, &zeroFrames, &framesWithoutSamples}) tb_mixer_push(mixer.get(), c);
+    for (const TBCommand* c :
+         std::initializer_list<const TBCommand*>{&unknown, &empty, &zeroFrames, &framesWithoutSamples})
+        tb_mixer_push(mixer.get(), c);
     const auto out = renderMono(mixer.get(), 8);
     for (float x : out) EXPECT_EQ(x, 0.0f);
     EXPECT_EQ(tb_mixer_started_voices(mixer.get()), 0u);
@@ -98,7 +100,7 @@ TEST(MixerRate, PlaysAtUnityUnlessStrictlyBetweenAQuarterAndFour) {
         float rate;
         float secondFrame; // the sample read at frame 1 is ramp[rate]
     };
-    const Case cases[] = {{0.25f, 1.0f / 128}, {4.0f, 1.0f / 128}, {NAN, 1.0f / 128}, {INFINITY, 1.0f / 128},
+    const Case cases[] = {{0.25f, 1.0f / 128}, {4.0f, 1.0f / 128}, {NAN, 1.0f / 128},  {INFINITY, 1.0f / 128},
                           {-2.0f, 1.0f / 128}, {0.0f, 1.0f / 128}, {0.5f, 0.5f / 128}, {3.5f, 3.5f / 128}};
     for (const Case& c : cases) {
         auto mixer = makeMixer();
@@ -127,9 +129,14 @@ TEST(MixerPan, IsConstantPowerWithUnityAtTheCentre) {
         float pan;
         double left, right;
     };
-    const Case cases[] = {{0, 1, 1},         {-1, sqrt2, 0}, {-5, sqrt2, 0},  {1, 0, sqrt2},
-                          {7, 0, sqrt2},     {NAN, 1, 1},    {0.5f, std::cos(3 * std::numbers::pi / 8) * sqrt2,
-                                                              std::sin(3 * std::numbers::pi / 8) * sqrt2}};
+    const Case cases[] = {
+        {0, 1, 1},
+        {-1, sqrt2, 0},
+        {-5, sqrt2, 0},
+        {1, 0, sqrt2},
+        {7, 0, sqrt2},
+        {NAN, 1, 1},
+        {0.5f, std::cos(3 * std::numbers::pi / 8) * sqrt2, std::sin(3 * std::numbers::pi / 8) * sqrt2}};
     const auto take = constant(0.5f, 16);
     for (const Case& c : cases) {
         auto mixer = makeMixer();

@@ -11,9 +11,9 @@ enum class KeyAction : std::uint8_t { down, up };
 
 // One key press or release as the key monitor delivers it.
 struct KeyEvent {
-    std::uint16_t code = 0;             // Mac virtual key code
+    std::uint16_t code = 0; // Mac virtual key code
     KeyAction action = KeyAction::down;
-    std::uint64_t time = 0;             // host ticks (MachTime), the clock the motion sensor stamps with
+    std::uint64_t time = 0; // host ticks (MachTime), the clock the motion sensor stamps with
 
     bool operator==(const KeyEvent&) const = default;
 };

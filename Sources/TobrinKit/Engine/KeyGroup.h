@@ -13,8 +13,8 @@ namespace tobrin {
 // is stored in pack.json, so both names and order are part of the file format.
 enum class KeyGroup : std::uint8_t { alpha, space, enter, backspace, modifier };
 
-inline constexpr std::array<KeyGroup, 5> allKeyGroups = {
-    KeyGroup::alpha, KeyGroup::space, KeyGroup::enter, KeyGroup::backspace, KeyGroup::modifier};
+inline constexpr std::array<KeyGroup, 5> allKeyGroups = {KeyGroup::alpha, KeyGroup::space, KeyGroup::enter,
+                                                         KeyGroup::backspace, KeyGroup::modifier};
 
 std::string_view rawValue(KeyGroup group);
 

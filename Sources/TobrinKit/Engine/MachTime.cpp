@@ -31,8 +31,6 @@ std::uint64_t ticks(double ms) {
     return static_cast<std::uint64_t>(value);
 }
 
-double delta(std::uint64_t a, std::uint64_t b) {
-    return a >= b ? milliseconds(a - b) : -milliseconds(b - a);
-}
+double delta(std::uint64_t a, std::uint64_t b) { return a >= b ? milliseconds(a - b) : -milliseconds(b - a); }
 
 } // namespace tobrin::MachTime

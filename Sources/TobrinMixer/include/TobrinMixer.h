@@ -37,11 +37,11 @@ enum {
  * an all-zero command. */
 typedef struct TBCommand {
     uint32_t type;
-    uint32_t tag;         /* chosen by the producer, never 0 */
-    TBSample layers[4];   /* unused entries all zero */
-    float weights[4];     /* linear gain of each layer */
-    float pan;            /* -1 (left) ... +1 (right), clamped */
-    float rate;           /* playback rate; only 0.25 < rate < 4 is accepted, else 1 */
+    uint32_t tag;       /* chosen by the producer, never 0 */
+    TBSample layers[4]; /* unused entries all zero */
+    float weights[4];   /* linear gain of each layer */
+    float pan;          /* -1 (left) ... +1 (right), clamped */
+    float rate;         /* playback rate; only 0.25 < rate < 4 is accepted, else 1 */
 } TBCommand;
 
 typedef struct TBMixer TBMixer;

@@ -33,9 +33,7 @@ TEST(MachTime, ConvertsBetweenTicksAndMilliseconds) {
     EXPECT_EQ(MachTime::ticks(18'000'000'000'000.0), 18'000'000'000'000'000'000ULL);
 }
 
-TEST(MachTimeDeathTest, TicksBeyondSixtyFourBitsAbort) {
-    EXPECT_DEATH(MachTime::ticks(2e13), "does not fit");
-}
+TEST(MachTimeDeathTest, TicksBeyondSixtyFourBitsAbort) { EXPECT_DEATH(MachTime::ticks(2e13), "does not fit"); }
 
 TEST(MachTime, DeltaIsSignedAndNeverWraps) {
     EXPECT_DOUBLE_EQ(MachTime::delta(200, 100), MachTime::milliseconds(100));
