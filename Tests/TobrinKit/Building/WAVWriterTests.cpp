@@ -1,0 +1,232 @@
+#include "TobrinKit/Building/WAVWriter.h"
+#include "TobrinKit/Engine/SplitMix64.h"
+
+#include "Support/IndependentReaders.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <vector>
+
+namespace tobrin {
+namespace {
+
+namespace fs = std::filesystem;
+
+class WAVWriterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        folder = fs::path(TOBRIN_TEST_BINARY_DIR) / "wav-writer" / info->name();
+        fs::remove_all(folder);
+        fs::create_directories(folder);
+    }
+
+    static std::vector<std::uint8_t> bytesOf(const fs::path& file) {
+        std::ifstream in(file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+
+    static std::uint32_t u32(const std::vector<std::uint8_t>& b, std::size_t at) {
+        return std::uint32_t(b[at]) | std::uint32_t(b[at + 1]) << 8 | std::uint32_t(b[at + 2]) << 16 |
+               std::uint32_t(b[at + 3]) << 24;
+    }
+    static std::uint16_t u16(const std::vector<std::uint8_t>& b, std::size_t at) {
+        return std::uint16_t(b[at] | b[at + 1] << 8);
+    }
+    static std::string text(const std::vector<std::uint8_t>& b, std::size_t at) {
+        return std::string(b.begin() + std::ptrdiff_t(at), b.begin() + std::ptrdiff_t(at + 4));
+    }
+
+    fs::path folder;
+};
+
+std::vector<float> ramp(std::size_t frames) {
+    std::vector<float> out(frames);
+    for (std::size_t i = 0; i < frames; ++i) out[i] = float(std::sin(double(i) * 0.01) * 0.8);
+    return out;
+}
+
+TEST_F(WAVWriterTest, WritesTheCanonicalHeaderForMonoAndStereo) {
+    struct Case {
+        bool stereo;
+        std::int64_t rate;
+        std::size_t frames;
+    };
+    for (const Case& c : {Case{false, 48000, 1000}, Case{true, 48000, 1000}, Case{true, 44100, 3}}) {
+        const std::vector<float> left = ramp(c.frames);
+        const fs::path file = folder / "header.wav";
+        WAVWriter::write(left, c.stereo ? std::optional<std::span<const float>>(left) : std::nullopt, c.rate, file);
+        const auto b = bytesOf(file);
+        const std::uint32_t channels = c.stereo ? 2 : 1;
+        const std::uint32_t dataSize = std::uint32_t(c.frames) * channels * 2;
+        ASSERT_EQ(b.size(), 44u + dataSize);
+        EXPECT_EQ(text(b, 0), "RIFF");
+        EXPECT_EQ(u32(b, 4), 36 + dataSize);
+        EXPECT_EQ(text(b, 8), "WAVE");
+        EXPECT_EQ(text(b, 12), "fmt ");
+        EXPECT_EQ(u32(b, 16), 16u);
+        EXPECT_EQ(u16(b, 20), 1u);
+        EXPECT_EQ(u16(b, 22), channels);
+        EXPECT_EQ(u32(b, 24), std::uint32_t(c.rate));
+        EXPECT_EQ(u32(b, 28), std::uint32_t(c.rate) * channels * 2);
+        EXPECT_EQ(u16(b, 32), channels * 2);
+        EXPECT_EQ(u16(b, 34), 16u);
+        EXPECT_EQ(text(b, 36), "data");
+        EXPECT_EQ(u32(b, 40), dataSize);
+    }
+}
+
+TEST_F(WAVWriterTest, IndependentReadersSeeTheWrittenFormatAndLength) {
+    const std::vector<float> left = ramp(12345);
+    const std::vector<float> right = ramp(12346); // longer right: only left's length counts
+    const fs::path stereo = folder / "stereo.wav";
+    const fs::path mono = folder / "mono.wav";
+    WAVWriter::write(left, std::span<const float>(right), 48000, stereo);
+    WAVWriter::write(left, std::nullopt, 48000, mono);
+
+    const auto soxReports = testing::soxInfo({stereo, mono});
+    for (const auto& [file, channels] : {std::pair{stereo, 2}, std::pair{mono, 1}}) {
+        const auto contents = testing::readWithSndfile(file);
+        ASSERT_TRUE(contents) << file;
+        EXPECT_EQ(contents->format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+        EXPECT_EQ(contents->channels, channels);
+        EXPECT_EQ(contents->sampleRate, 48000);
+        EXPECT_EQ(contents->frames, 12345);
+        // Within the dither (one step), the truncation (one step) and
+        // libsndfile's scaling by 1/32768 of the input.
+        for (std::size_t i = 0; i < left.size(); ++i) {
+            ASSERT_NEAR(contents->floats[i * std::size_t(channels)], left[i], 3.0 / 32768.0) << i;
+        }
+
+        ASSERT_TRUE(soxReports.contains(file.string())) << file;
+        const testing::SoxInfo& sox = soxReports.at(file.string());
+        EXPECT_EQ(sox.channels, channels);
+        EXPECT_EQ(sox.sampleRate, 48000);
+        EXPECT_EQ(sox.precisionBits, 16);
+        EXPECT_EQ(sox.samples, 12345);
+        EXPECT_EQ(sox.encoding, "16-bit Signed Integer PCM");
+    }
+}
+
+TEST_F(WAVWriterTest, ZeroFramesMakeAValidHeaderOnlyFile) {
+    const fs::path file = folder / "empty.wav";
+    WAVWriter::write({}, std::nullopt, 48000, file);
+    const auto b = bytesOf(file);
+    ASSERT_EQ(b.size(), 44u);
+    EXPECT_EQ(u32(b, 4), 36u);
+    EXPECT_EQ(u32(b, 40), 0u);
+    const auto contents = testing::readWithSndfile(file);
+    ASSERT_TRUE(contents);
+    EXPECT_EQ(contents->frames, 0);
+    EXPECT_EQ(contents->channels, 1);
+}
+
+TEST_F(WAVWriterTest, ClampsAndTruncatesTheEdgeValues) {
+    struct Case {
+        float input;
+        int lowest;
+        int highest;
+    };
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    // Full scale itself lands one step inside when its dither points inward.
+    const std::vector<Case> cases = {
+        {1.0f, 32766, 32767},   {1.5f, 32767, 32767},   {nan, 32767, 32767},
+        {-1.0f, -32767, -32766}, {-3.0f, -32767, -32767}, {0.5f, 16382, 16384},
+        {0.0f, -1, 0},
+    };
+    // Each value repeated so that many dither draws meet it, in both channels.
+    std::vector<float> samples;
+    for (const Case& c : cases) samples.insert(samples.end(), 500, c.input);
+    const fs::path file = folder / "edges.wav";
+    WAVWriter::write(samples, std::span<const float>(samples), 48000, file);
+    const auto contents = testing::readWithSndfile(file);
+    ASSERT_TRUE(contents);
+    for (std::size_t k = 0; k < cases.size(); ++k) {
+        for (std::size_t i = k * 500; i < (k + 1) * 500; ++i) {
+            for (int channel = 0; channel < 2; ++channel) {
+                const int value = contents->samples[i * 2 + std::size_t(channel)];
+                ASSERT_GE(value, cases[k].lowest) << "input " << cases[k].input;
+                ASSERT_LE(value, cases[k].highest) << "input " << cases[k].input;
+            }
+        }
+    }
+    // Without dither: full scale maps to ±32,767 (never −32,768), and the
+    // fraction is dropped, not rounded.
+    EXPECT_EQ(WAVWriter::quantise(1.0f, 0.0f), 32767);
+    EXPECT_EQ(WAVWriter::quantise(-1.0f, 0.0f), -32767);
+    EXPECT_EQ(WAVWriter::quantise(0.5f, 0.0f), 16383);
+    EXPECT_EQ(WAVWriter::quantise(-0.5f, 0.0f), -16383);
+    EXPECT_EQ(WAVWriter::quantise(1.0f, -0x1p-16f), 32766);
+}
+
+TEST_F(WAVWriterTest, DitherIsTriangularAndOneStepWide) {
+    // 0.3 × 32,767 = 9,830.1. With triangular dither t in (−1, 1) steps, the
+    // truncated value is 9,829 when t < −0.1 (probability 0.405), 9,831 when
+    // t ≥ 0.9 (0.005), else 9,830. Rectangular dither would give 0.45 / 0.
+    const std::vector<float> samples(200000, 0.3f);
+    const fs::path file = folder / "dither.wav";
+    WAVWriter::write(samples, std::nullopt, 48000, file);
+    const auto contents = testing::readWithSndfile(file);
+    ASSERT_TRUE(contents);
+    std::map<int, double> share;
+    for (short value : contents->samples) share[value] += 1.0 / double(samples.size());
+    ASSERT_EQ(share.size(), 3u);
+    EXPECT_NEAR(share[9829], 0.405, 0.01);
+    EXPECT_NEAR(share[9830], 0.590, 0.01);
+    EXPECT_NEAR(share[9831], 0.005, 0.002);
+}
+
+TEST_F(WAVWriterTest, SameInputGivesSameBytesAndStereoInterleavesTheDraws) {
+    const std::vector<float> left = ramp(5000);
+    const std::vector<float> right = ramp(5000);
+    WAVWriter::write(left, std::span<const float>(right), 48000, folder / "a.wav");
+    WAVWriter::write(left, std::span<const float>(right), 48000, folder / "b.wav");
+    EXPECT_EQ(bytesOf(folder / "a.wav"), bytesOf(folder / "b.wav"));
+
+    WAVWriter::write(left, std::nullopt, 48000, folder / "mono.wav");
+    const auto stereo = testing::readWithSndfile(folder / "a.wav");
+    const auto mono = testing::readWithSndfile(folder / "mono.wav");
+    ASSERT_TRUE(stereo && mono);
+    std::size_t differing = 0;
+    for (std::size_t i = 0; i < left.size(); ++i) differing += stereo->samples[i * 2] != mono->samples[i];
+    EXPECT_GT(differing, left.size() / 4);
+}
+
+TEST_F(WAVWriterTest, ReplacesTheTargetWholeAndLeavesNothingAside) {
+    const fs::path file = folder / "take.wav";
+    WAVWriter::write(ramp(48000), std::nullopt, 48000, file);
+    WAVWriter::write(ramp(10), std::nullopt, 48000, file);
+    EXPECT_EQ(fs::file_size(file), 44u + 20u);
+    std::size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder)) ++entries;
+    EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(WAVWriterTest, AFolderThatDoesNotExistFailsWithTheFileSystemError) {
+    const fs::path file = folder / "missing" / "take.wav";
+    try {
+        WAVWriter::write(ramp(10), std::nullopt, 48000, file);
+        FAIL() << "no error";
+    } catch (const fs::filesystem_error& error) {
+        EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+    }
+    EXPECT_FALSE(fs::exists(folder / "missing"));
+}
+
+TEST(WAVWriterDeathTest, RejectsAShortRightChannelAndRatesBeyondThirtyTwoBits) {
+    const std::vector<float> left(10, 0.1f), right(9, 0.1f);
+    const fs::path file = fs::path(TOBRIN_TEST_BINARY_DIR) / "never.wav";
+    EXPECT_DEATH(WAVWriter::write(left, std::span<const float>(right), 48000, file), "shorter");
+    EXPECT_DEATH(WAVWriter::write(left, std::nullopt, 0x1'0000'0000LL, file), "rate");
+    EXPECT_DEATH(WAVWriter::write(left, std::nullopt, -1, file), "rate");
+    // A rate that fits in 32 bits whose byte rate does not.
+    EXPECT_DEATH(WAVWriter::write(left, std::span<const float>(left), 0xFFFF'FFFFLL, file), "byte rate");
+}
+
+} // namespace
+} // namespace tobrin
