@@ -1,0 +1,213 @@
+#include "TobrinKit/Engine/SampleBuffer.h"
+#include "TobrinKit/Packs/PackError.h"
+
+#include "Support/SoundFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+
+namespace tobrin {
+namespace {
+
+using test::ScratchFolder;
+using test::sine;
+using test::writeSound;
+
+// The message libsndfile itself gives for a file it cannot open.
+std::string libraryOpenMessage(const std::filesystem::path& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file) {
+        sf_close(file);
+        return "(opened)";
+    }
+    return sf_strerror(nullptr);
+}
+
+TEST(SampleBuffer, CopiesSamplesAndSharesTheLeftBlockForMono) {
+    std::vector<float> left = {0.5f, -0.75f, 0.25f};
+    std::vector<float> right = {0.1f, 0.2f, -0.9f};
+    SampleBuffer stereo(left, std::span<const float>(right), 48000);
+    SampleBuffer mono(left, std::nullopt, 44100);
+    left[0] = 7;
+    right[0] = 7;
+
+    EXPECT_EQ(stereo.frames(), 3u);
+    EXPECT_FALSE(stereo.isMono());
+    EXPECT_NE(stereo.left(), stereo.right());
+    EXPECT_EQ(stereo.left()[0], 0.5f);
+    EXPECT_EQ(stereo.right()[0], 0.1f);
+    EXPECT_EQ(stereo.peak(), 0.9f);
+    EXPECT_EQ(stereo.memoryBytes(), 3u * 4 * 2);
+
+    EXPECT_TRUE(mono.isMono());
+    EXPECT_EQ(mono.right(), mono.left());
+    EXPECT_EQ(mono.peak(), 0.75f);
+    EXPECT_DOUBLE_EQ(mono.duration(), 3.0 / 44100);
+    EXPECT_EQ(mono.memoryBytes(), 3u * 4);
+
+    const TBSample sample = stereo.tbSample();
+    EXPECT_EQ(sample.left, stereo.left());
+    EXPECT_EQ(sample.right, stereo.right());
+    EXPECT_EQ(sample.frames, 3u);
+}
+
+TEST(SampleBuffer, EmptySoundStillHasBlocksToPointAt) {
+    SampleBuffer empty(std::span<const float>(), std::span<const float>(), 48000);
+    EXPECT_EQ(empty.frames(), 0u);
+    EXPECT_NE(empty.left(), nullptr);
+    EXPECT_NE(empty.right(), nullptr);
+    EXPECT_EQ(empty.peak(), 0.0f);
+    EXPECT_EQ(empty.duration(), 0.0);
+}
+
+TEST(SampleBuffer, MovingKeepsTheBlocksWhereTheyAre) {
+    std::vector<float> left(1000, 0.5f);
+    SampleBuffer original(left, std::span<const float>(left), 48000);
+    const float* where = original.left();
+    std::vector<SampleBuffer> owners;
+    owners.push_back(std::move(original));
+    for (int i = 0; i < 10; ++i) owners.emplace_back(left, std::nullopt, 48000); // forces reallocation
+    EXPECT_EQ(owners.front().left(), where);
+    EXPECT_EQ(owners.front().tbSample().left, where);
+}
+
+TEST(SampleBufferDeathTest, ChannelsOfDifferentLengthsAreAProgrammingError) {
+    std::vector<float> left(4), right(3);
+    EXPECT_DEATH(SampleBuffer(left, std::span<const float>(right), 48000), "channels differ");
+}
+
+TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
+    ScratchFolder folder;
+    // Values a 16-bit file holds exactly, so decoding must return them unchanged.
+    std::vector<float> a, b, c;
+    for (int i = 0; i < 480; ++i) {
+        a.push_back(static_cast<float>((i % 64) - 32) / 64.0f);
+        b.push_back(static_cast<float>(i % 7) / 8.0f);
+        c.push_back(-0.5f);
+    }
+    struct Case {
+        const char* name;
+        std::vector<std::vector<float>> channels;
+        int format;
+    };
+    const Case cases[] = {
+        {"mono16.wav", {a}, SF_FORMAT_WAV | SF_FORMAT_PCM_16},
+        {"stereo16.wav", {a, b}, SF_FORMAT_WAV | SF_FORMAT_PCM_16},
+        {"stereofloat.wav", {b, a}, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+        {"three.wav", {a, b, c}, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+        {"mono.flac", {b}, SF_FORMAT_FLAC | SF_FORMAT_PCM_16},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        writeSound(folder / test.name, test.channels, 48000, test.format);
+        SampleBuffer buffer = SampleBuffer::load(folder / test.name, 48000);
+        ASSERT_EQ(buffer.frames(), 480u);
+        EXPECT_EQ(buffer.sampleRate(), 48000);
+        EXPECT_EQ(buffer.isMono(), test.channels.size() == 1);
+        EXPECT_EQ(std::vector<float>(buffer.left(), buffer.left() + 480), test.channels[0]);
+        const auto& expectedRight = test.channels.size() == 1 ? test.channels[0] : test.channels[1];
+        EXPECT_EQ(std::vector<float>(buffer.right(), buffer.right() + 480), expectedRight);
+    }
+}
+
+TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
+    ScratchFolder folder;
+    const std::size_t inFrames = 22050;
+    writeSound(folder / "take.wav", {sine(inFrames, 1000, 44100, 0.5), sine(inFrames, 3000, 44100, 0.25)}, 44100,
+               SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    SampleBuffer buffer = SampleBuffer::load(folder / "take.wav", 48000);
+
+    EXPECT_EQ(buffer.sampleRate(), 48000);
+    EXPECT_NEAR(static_cast<double>(buffer.frames()), inFrames * 48000.0 / 44100.0, 2.0);
+    // The same tones generated directly at 48 kHz; the edges, where the
+    // converter's filter runs into the start and end, are left out.
+    const auto left = sine(buffer.frames(), 1000, 48000, 0.5);
+    const auto right = sine(buffer.frames(), 3000, 48000, 0.25);
+    double worst = 0;
+    for (std::size_t i = 1000; i + 1000 < buffer.frames(); ++i) {
+        worst = std::max(worst, static_cast<double>(std::fabs(buffer.left()[i] - left[i])));
+        worst = std::max(worst, static_cast<double>(std::fabs(buffer.right()[i] - right[i])));
+    }
+    EXPECT_LT(worst, 1e-3);
+    EXPECT_FALSE(buffer.isMono());
+}
+
+TEST(SampleBufferLoad, EmptyAndTruncatedFilesGiveWhatTheyHold) {
+    ScratchFolder folder;
+    writeSound(folder / "empty48.wav", {{}}, 48000);
+    writeSound(folder / "empty44.wav", {{}, {}}, 44100);
+    for (const char* name : {"empty48.wav", "empty44.wav"}) {
+        SCOPED_TRACE(name);
+        SampleBuffer buffer = SampleBuffer::load(folder / name, 48000);
+        EXPECT_EQ(buffer.frames(), 0u);
+        EXPECT_EQ(buffer.peak(), 0.0f);
+        EXPECT_EQ(buffer.duration(), 0.0);
+        EXPECT_EQ(buffer.sampleRate(), 48000);
+    }
+
+    // A 16-bit stereo file cut 250 frames short: what is there still plays.
+    writeSound(folder / "cut.wav", {std::vector<float>(1000, 0.25f), std::vector<float>(1000, -0.25f)}, 48000);
+    const auto size = std::filesystem::file_size(folder / "cut.wav");
+    std::filesystem::resize_file(folder / "cut.wav", size - 250 * 4);
+    SampleBuffer cut = SampleBuffer::load(folder / "cut.wav", 48000);
+    EXPECT_EQ(cut.frames(), 750u);
+    EXPECT_EQ(cut.right()[749], -0.25f);
+}
+
+TEST(SampleBufferLoad, FilesThatCannotBeOpenedFailWithTheLibrarysOwnMessage) {
+    ScratchFolder folder;
+    test::writeText(folder / "notes.wav", "these are notes, not audio at all\n");
+    test::writeText(folder / "zero.wav", "");
+    writeSound(folder / "full.wav", {std::vector<float>(100, 0.1f)}, 48000);
+    std::filesystem::copy_file(folder / "full.wav", folder / "header.wav");
+    std::filesystem::resize_file(folder / "header.wav", 30);
+    for (const char* name : {"notes.wav", "zero.wav", "header.wav", "missing.wav"}) {
+        SCOPED_TRACE(name);
+        const std::string expected = libraryOpenMessage(folder / name);
+        try {
+            SampleBuffer::load(folder / name, 48000);
+            ADD_FAILURE() << "loaded";
+        } catch (const SampleBuffer::OpenError& error) {
+            EXPECT_EQ(std::string(error.what()), expected);
+        }
+    }
+    // A folder or a FIFO is refused before the library would read (or block on) it.
+    std::filesystem::create_directory(folder / "folder.wav");
+    ASSERT_EQ(::mkfifo((folder / "fifo.wav").c_str(), 0600), 0);
+    EXPECT_THROW(SampleBuffer::load(folder / "folder.wav", 48000), SampleBuffer::OpenError);
+    EXPECT_THROW(SampleBuffer::load(folder / "fifo.wav", 48000), SampleBuffer::OpenError);
+}
+
+TEST(SampleBufferLoad, AnUnusableRateIsADecodeError) {
+    ScratchFolder folder;
+    writeSound(folder / "ok.wav", {std::vector<float>(10, 0.1f)}, 48000);
+    for (double rate : {0.0, -48000.0, std::nan("")}) {
+        try {
+            SampleBuffer::load(folder / "ok.wav", rate);
+            ADD_FAILURE() << "loaded at " << rate;
+        } catch (const PackError& error) {
+            EXPECT_EQ(error.kind(), PackError::Kind::decode);
+            EXPECT_STREQ(error.what(), "Can't read ok.wav: unsupported format");
+        }
+    }
+}
+
+TEST(SampleBufferLoad, FrameLimitIsInclusiveBeforeAndAfterConversion) {
+    ScratchFolder folder;
+    writeSound(folder / "at48.wav", {std::vector<float>(4800, 0.1f)}, 48000);
+    EXPECT_EQ(SampleBuffer::load(folder / "at48.wav", 48000, 4800).frames(), 4800u);
+    EXPECT_THROW(SampleBuffer::load(folder / "at48.wav", 48000, 4799), SampleBuffer::TooLong);
+
+    writeSound(folder / "at441.wav", {std::vector<float>(44100, 0.1f)}, 44100);
+    const std::size_t converted = SampleBuffer::load(folder / "at441.wav", 48000).frames();
+    EXPECT_EQ(SampleBuffer::load(folder / "at441.wav", 48000, converted).frames(), converted);
+    EXPECT_THROW(SampleBuffer::load(folder / "at441.wav", 48000, converted - 1), SampleBuffer::TooLong);
+    // Far over the limit is refused without converting the whole file.
+    EXPECT_THROW(SampleBuffer::load(folder / "at441.wav", 48000, 100), SampleBuffer::TooLong);
+}
+
+} // namespace
+} // namespace tobrin
