@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+namespace tobrin {
+
+// The in-memory form of a pack's "pack.json": who the pack is, and for every
+// key group and force tier which files in the pack folder are its takes.
+// Group and tier keys are kept as written; the loader decides which it knows.
+// Read by the pack loader and the library, written by the pack builder and
+// the pack generator.
+struct PackManifest {
+    struct Group {
+        // Press takes by tier name; the order of a list is the order of the
+        // variants. Paths are relative to the pack folder.
+        std::map<std::string, std::vector<std::string>> down;
+        // Release takes; absent when the group has none of its own.
+        std::optional<std::vector<std::string>> up;
+
+        friend bool operator==(const Group&, const Group&) = default;
+    };
+
+    // What decode() throws: what() says which key is missing or malformed.
+    class DecodeError : public std::runtime_error {
+    public:
+        using std::runtime_error::runtime_error;
+    };
+
+    static constexpr std::string_view fileName = "pack.json";
+
+    std::int64_t formatVersion = 1;
+    std::string id;
+    std::string name;
+    std::string kind;
+    std::optional<std::string> summary;
+    std::optional<std::string> author;
+    std::optional<std::string> license;
+    std::map<std::string, Group> groups;
+
+    friend bool operator==(const PackManifest&, const PackManifest&) = default;
+
+    // Required keys must be present with the right JSON type; optional keys
+    // may be absent or null; unknown keys are ignored. Throws DecodeError.
+    static PackManifest decode(std::string_view json);
+
+    // Reads and decodes `folder`/pack.json. A file that cannot be read
+    // throws PackError::missingManifest(folder); a decoding failure throws
+    // DecodeError, which callers turn into the error they report.
+    static PackManifest read(const std::filesystem::path& folder);
+
+    // Pretty-printed, keys sorted at every level, "/" not escaped, absent
+    // optional keys left out; ends with a newline.
+    std::string encode() const;
+
+    // Writes encode() to `file` through a temporary file in the same folder
+    // and a rename, so readers never see half a manifest. Throws
+    // std::system_error.
+    void write(const std::filesystem::path& file) const;
+};
+
+void to_json(nlohmann::json& json, const PackManifest::Group& group);
+void to_json(nlohmann::json& json, const PackManifest& manifest);
+
+} // namespace tobrin

@@ -1,0 +1,212 @@
+#include "TobrinKit/Packs/PackError.h"
+#include "TobrinKit/Packs/PackInfo.h"
+#include "TobrinKit/Packs/PackManifest.h"
+
+#include "Support/SoundFiles.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
+
+namespace tobrin {
+namespace {
+
+using test::ScratchFolder;
+
+constexpr const char* minimal = R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "synth", "groups": {}})";
+
+std::string withGroups(const std::string& groups) {
+    return R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "k", "groups": )" + groups + "}";
+}
+
+// Every decode failure's message, so a test can check it names the right key.
+std::string decodeError(const std::string& text) {
+    try {
+        PackManifest::decode(text);
+    } catch (const PackManifest::DecodeError& error) {
+        return error.what();
+    }
+    return "(decoded)";
+}
+
+TEST(PackManifest, DecodesRequiredKeysAndLeavesOptionalOnesAbsent) {
+    const PackManifest manifest = PackManifest::decode(minimal);
+    EXPECT_EQ(manifest.formatVersion, 1);
+    EXPECT_EQ(manifest.id, "p");
+    EXPECT_EQ(manifest.name, "P");
+    EXPECT_EQ(manifest.kind, "synth");
+    EXPECT_FALSE(manifest.summary);
+    EXPECT_FALSE(manifest.author);
+    EXPECT_FALSE(manifest.license);
+    EXPECT_TRUE(manifest.groups.empty());
+
+    const auto encoded = nlohmann::json::parse(manifest.encode());
+    EXPECT_FALSE(encoded.contains("summary"));
+    EXPECT_FALSE(encoded.contains("author"));
+    EXPECT_FALSE(encoded.contains("license"));
+    EXPECT_EQ(encoded, nlohmann::json::parse(minimal));
+}
+
+TEST(PackManifest, DecodesGroupsTiersAndOptionalTextsAsWritten) {
+    const PackManifest manifest = PackManifest::decode(R"({
+        "formatVersion": 2, "id": "p", "name": "P", "kind": "k",
+        "summary": "Warm", "author": null, "license": "CC0", "extra": [1, 2],
+        "groups": {
+            "alpha": {"down": {"Soft": ["a/1.wav", "a/2.wav"], "loud": ["x.wav"], "hard": []},
+                      "up": ["u.wav"], "comment": "ignored"},
+            "thumb": {"down": {}}
+        }})");
+    EXPECT_EQ(manifest.formatVersion, 2);
+    EXPECT_EQ(manifest.summary, "Warm");
+    EXPECT_FALSE(manifest.author);
+    EXPECT_EQ(manifest.license, "CC0");
+    ASSERT_EQ(manifest.groups.size(), 2u);
+    const auto& alpha = manifest.groups.at("alpha");
+    EXPECT_EQ(alpha.down.at("Soft"), (std::vector<std::string>{"a/1.wav", "a/2.wav"}));
+    EXPECT_EQ(alpha.down.at("loud"), (std::vector<std::string>{"x.wav"}));
+    EXPECT_TRUE(alpha.down.at("hard").empty());
+    EXPECT_EQ(alpha.up, (std::vector<std::string>{"u.wav"}));
+    EXPECT_FALSE(manifest.groups.at("thumb").up);
+}
+
+TEST(PackManifest, RejectsMissingKeysAndWrongTypesNamingTheKey) {
+    struct Case {
+        std::string text;
+        std::string message;
+    };
+    const Case cases[] = {
+        {R"({"id": "p", "name": "P", "kind": "k", "groups": {}})", R"(key "formatVersion" is missing)"},
+        {R"({"formatVersion": "1", "id": "p", "name": "P", "kind": "k", "groups": {}})",
+         R"("formatVersion" must be an integer, not string)"},
+        {R"({"formatVersion": 1.5, "id": "p", "name": "P", "kind": "k", "groups": {}})",
+         R"("formatVersion" must be an integer, not a fraction)"},
+        {R"({"formatVersion": 1, "id": null, "name": "P", "kind": "k", "groups": {}})", R"(key "id" is missing)"},
+        {R"({"formatVersion": 1, "id": "p", "name": 3, "kind": "k", "groups": {}})",
+         R"("name" must be a string, not number)"},
+        {R"({"formatVersion": 1, "id": "p", "name": "P", "groups": {}})", R"(key "kind" is missing)"},
+        {R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "k", "summary": 1, "groups": {}})",
+         R"("summary" must be a string, not number)"},
+        {R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "k"})", R"(key "groups" is missing)"},
+        {withGroups("[]"), R"("groups" must be an object, not array)"},
+        {withGroups(R"({"alpha": {"up": []}})"), R"(key "groups.alpha.down" is missing)"},
+        {withGroups(R"({"alpha": []})"), R"("groups.alpha" must be an object, not array)"},
+        {withGroups(R"({"alpha": {"down": {"soft": "a.wav"}}})"),
+         R"("groups.alpha.down.soft" must be an array of strings, not string)"},
+        {withGroups(R"({"alpha": {"down": {"soft": ["a.wav", 7]}}})"),
+         R"("groups.alpha.down.soft[1]" must be a string, not number)"},
+        {withGroups(R"({"alpha": {"down": {}, "up": [null]}})"), R"("groups.alpha.up[0]" must be a string, not null)"},
+        {"[1, 2]", "the manifest must be a JSON object, not array"},
+    };
+    for (const Case& test : cases) {
+        EXPECT_EQ(decodeError(test.text), test.message) << test.text;
+    }
+    const std::string syntax = decodeError(R"({"formatVersion": 1,)");
+    EXPECT_TRUE(syntax.starts_with("parse error at line 1")) << syntax;
+    EXPECT_EQ(decodeError(withGroups(R"({"alpha": {"down": {}, "up": null}})")), "(decoded)");
+}
+
+TEST(PackManifest, AcceptsAnyIntegerVersionIncludingOnesWrittenWithAFraction) {
+    auto withVersion = [](const std::string& version) {
+        return R"({"formatVersion": )" + version + R"(, "id": "p", "name": "P", "kind": "k", "groups": {}})";
+    };
+    const std::pair<const char*, std::int64_t> accepted[] = {
+        {"0", 0}, {"2", 2}, {"-7", -7}, {"1.0", 1}, {"9007199254740993", 9007199254740993LL}};
+    for (const auto& [text, value] : accepted) {
+        EXPECT_EQ(PackManifest::decode(withVersion(text)).formatVersion, value) << text;
+    }
+    EXPECT_EQ(decodeError(withVersion("9223372036854775808")), R"("formatVersion" is out of range)");
+    EXPECT_EQ(decodeError(withVersion("1e300")), R"("formatVersion" is out of range)");
+}
+
+TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
+    PackManifest manifest;
+    manifest.id = "synth-red";
+    manifest.name = "Red";
+    manifest.kind = "synthesized";
+    manifest.license = "CC0 1.0";
+    manifest.groups["space"].down["soft"] = {"space/soft-1.wav"};
+    manifest.groups["alpha"].down["medium"] = {"alpha/medium-1.wav", "alpha/medium-2.wav"};
+    manifest.groups["alpha"].down["hard"] = {"alpha/hard-1.wav"};
+    manifest.groups["alpha"].up = std::vector<std::string>{"alpha/up-1.wav"};
+
+    const std::string text = manifest.encode();
+    const std::string expected = R"({
+  "formatVersion": 1,
+  "groups": {
+    "alpha": {
+      "down": {
+        "hard": [
+          "alpha/hard-1.wav"
+        ],
+        "medium": [
+          "alpha/medium-1.wav",
+          "alpha/medium-2.wav"
+        ]
+      },
+      "up": [
+        "alpha/up-1.wav"
+      ]
+    },
+    "space": {
+      "down": {
+        "soft": [
+          "space/soft-1.wav"
+        ]
+      }
+    }
+  },
+  "id": "synth-red",
+  "kind": "synthesized",
+  "license": "CC0 1.0",
+  "name": "Red"
+}
+)";
+    EXPECT_EQ(text, expected);
+    EXPECT_EQ(PackManifest::decode(text), manifest);
+}
+
+TEST(PackManifest, WritesAFileThatReadsBackAndLeavesNoTemporary) {
+    ScratchFolder folder;
+    PackManifest manifest = PackManifest::decode(minimal);
+    manifest.summary = "Quiet";
+    manifest.write(folder / "pack.json");
+    EXPECT_EQ(PackManifest::read(folder.path()), manifest);
+    manifest.name = "Renamed";
+    manifest.write(folder / "pack.json");
+    EXPECT_EQ(PackManifest::read(folder.path()).name, "Renamed");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+    EXPECT_THROW(manifest.write(folder / "no-such-folder" / "pack.json"), std::system_error);
+}
+
+TEST(PackInfo, ReadsTheSummaryFromTheFolder) {
+    ScratchFolder folder;
+    // Only the manifest is read: a pack whose audio is missing is still listed.
+    test::writeText(folder / "pack.json", R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "k",
+        "summary": "S", "groups": {"alpha": {"down": {"soft": ["missing.wav"]}}}})");
+    const PackInfo info = PackInfo::read(folder.path(), true);
+    EXPECT_EQ(info, (PackInfo{"p", "P", "k", "S", folder.path(), true}));
+}
+
+TEST(PackInfo, FailsWithMissingManifestOrInvalidManifestNamingPackJson) {
+    ScratchFolder folder;
+    auto describe = [](const std::filesystem::path& directory) -> std::string {
+        try {
+            PackInfo::read(directory, false);
+        } catch (const PackError& error) {
+            return error.what();
+        }
+        return "(read)";
+    };
+    EXPECT_EQ(describe(folder / "nothing"), "No pack.json in " + (folder / "nothing").string());
+
+    std::filesystem::create_directories(folder / "fifo");
+    ASSERT_EQ(::mkfifo((folder / "fifo" / "pack.json").c_str(), 0600), 0);
+    EXPECT_EQ(describe(folder / "fifo"), "No pack.json in " + (folder / "fifo").string());
+
+    test::writeText(folder / "bad" / "pack.json", R"({"formatVersion": 1})");
+    EXPECT_EQ(describe(folder / "bad"), "Invalid pack.json: key \"id\" is missing");
+}
+
+} // namespace
+} // namespace tobrin
