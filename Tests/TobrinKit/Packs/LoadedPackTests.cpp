@@ -1,0 +1,369 @@
+#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/PackError.h"
+
+#include "Support/SoundFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+
+namespace tobrin {
+namespace {
+
+using test::ScratchFolder;
+using Paths = std::vector<std::string>;
+
+// One pack folder on disk: sound files whose every sample is one value, so a
+// decoded take tells by its first sample which file it came from.
+class PackFolder {
+public:
+    explicit PackFolder(const std::filesystem::path& directory, std::string id = "test-pack")
+        : directory_(directory) {
+        manifest_.id = std::move(id);
+        manifest_.name = "Test Pack";
+        manifest_.kind = "test";
+    }
+
+    void sound(const std::string& path, float value, std::size_t frames = 480, int channels = 2, int rate = 48000) {
+        test::writeSound(directory_ / path, std::vector<std::vector<float>>(channels, std::vector<float>(frames, value)),
+                         rate);
+    }
+    void down(const std::string& group, const std::string& tier, Paths paths) {
+        manifest_.groups[group].down[tier] = std::move(paths);
+    }
+    void up(const std::string& group, Paths paths) { manifest_.groups[group].up = std::move(paths); }
+
+    PackInfo info() {
+        std::filesystem::create_directories(directory_);
+        manifest_.write(directory_ / "pack.json");
+        return PackInfo{manifest_.id, manifest_.name, manifest_.kind, std::nullopt, directory_, false};
+    }
+    std::shared_ptr<const LoadedPack> load(double sampleRate = 48000) { return LoadedPack::load(info(), sampleRate); }
+
+    // The error a load fails with, as the user reads it.
+    std::string loadError() {
+        try {
+            load();
+        } catch (const std::exception& error) {
+            return error.what();
+        }
+        return "(loaded)";
+    }
+
+private:
+    std::filesystem::path directory_;
+    PackManifest manifest_;
+};
+
+float firstSample(const TBSample& sample) { return sample.left[0]; }
+
+TEST(LoadedPack, AlphaMediumAloneServesEveryGroupAndTier) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "MyPack");
+    pack.sound("m1.wav", 0.25f);
+    pack.sound("m2.wav", 0.5f);
+    pack.down("alpha", "medium", {"m1.wav", "m2.wav"});
+    const auto loaded = pack.load();
+
+    const float expectedGains[] = {1 / 1.6f, 1.0f, 1.6f, 2.56f};
+    for (KeyGroup group : allKeyGroups) {
+        SCOPED_TRACE(rawValue(group));
+        EXPECT_EQ(loaded->variantCount(group), 2u);
+        for (std::size_t variant = 0; variant < 4; ++variant) {
+            const auto layers = loaded->layers(group, variant);
+            for (std::size_t tier = 0; tier < 4; ++tier) {
+                EXPECT_EQ(firstSample(layers.samples[tier]), variant % 2 == 0 ? 0.25f : 0.5f);
+                EXPECT_FLOAT_EQ(layers.gains[tier], expectedGains[tier]);
+                EXPECT_EQ(layers.samples[tier].frames, 480u);
+            }
+        }
+        EXPECT_FALSE(loaded->release(group, 0));
+    }
+    EXPECT_FALSE(loaded->hasReleaseSounds());
+    EXPECT_EQ(loaded->sampleCount(), 2u);
+    EXPECT_EQ(loaded->memoryBytes(), 2u * 480 * 4 * 2);
+    EXPECT_EQ(loaded->info().directory, scratch / "MyPack");
+    EXPECT_EQ(loaded->manifest().id, "test-pack");
+}
+
+TEST(LoadedPack, MissingTiersTakeTheNearestWithTheLowerOneOnTies) {
+    // Which tiers a group has, and for each wanted tier the tier that serves it.
+    struct Case {
+        std::vector<int> present;
+        std::array<int, 4> chosen;
+    };
+    const Case cases[] = {
+        {{1}, {1, 1, 1, 1}},
+        {{0, 2}, {0, 0, 2, 2}},
+        {{3}, {3, 3, 3, 3}},
+        {{0, 3}, {0, 0, 3, 3}},
+        {{1, 2}, {1, 1, 2, 2}},
+        {{0, 1, 2, 3}, {0, 1, 2, 3}},
+        {{2}, {2, 2, 2, 2}},
+    };
+    const char* tierNames[] = {"soft", "medium", "hard", "slam"};
+    int caseNumber = 0;
+    for (const Case& test : cases) {
+        ScratchFolder scratch;
+        PackFolder pack(scratch / ("case" + std::to_string(caseNumber++)));
+        for (int tier : test.present) {
+            const std::string file = std::string(tierNames[tier]) + ".wav";
+            pack.sound(file, static_cast<float>(tier + 1) / 8);
+            pack.down("enter", tierNames[tier], {file});
+        }
+        const auto loaded = pack.load();
+        const auto layers = loaded->layers(KeyGroup::enter, 0);
+        for (int wanted = 0; wanted < 4; ++wanted) {
+            SCOPED_TRACE(testing::Message() << "case " << caseNumber - 1 << ", wanted " << tierNames[wanted]);
+            const int chosen = test.chosen[static_cast<std::size_t>(wanted)];
+            EXPECT_EQ(firstSample(layers.samples[static_cast<std::size_t>(wanted)]), static_cast<float>(chosen + 1) / 8);
+            EXPECT_FLOAT_EQ(layers.gains[static_cast<std::size_t>(wanted)],
+                            static_cast<float>(std::pow(1.6, wanted - chosen)));
+        }
+    }
+}
+
+TEST(LoadedPack, AbsentGroupsPlayAlphaOrElseAnotherLoadedGroup) {
+    ScratchFolder scratch;
+    PackFolder withAlpha(scratch / "A");
+    withAlpha.sound("alpha.wav", 0.125f);
+    withAlpha.sound("enter.wav", 0.25f);
+    withAlpha.down("alpha", "hard", {"alpha.wav"});
+    withAlpha.down("enter", "hard", {"enter.wav"});
+    const auto a = withAlpha.load();
+    EXPECT_EQ(firstSample(a->layers(KeyGroup::enter, 0).samples[2]), 0.25f);
+    for (KeyGroup group : {KeyGroup::alpha, KeyGroup::space, KeyGroup::backspace, KeyGroup::modifier}) {
+        EXPECT_EQ(firstSample(a->layers(group, 0).samples[2]), 0.125f) << rawValue(group);
+    }
+
+    PackFolder withoutAlpha(scratch / "B");
+    withoutAlpha.sound("space.wav", 0.375f);
+    withoutAlpha.down("space", "soft", {"space.wav"});
+    const auto b = withoutAlpha.load();
+    for (KeyGroup group : allKeyGroups) {
+        EXPECT_EQ(firstSample(b->layers(group, 0).samples[0]), 0.375f) << rawValue(group);
+        EXPECT_EQ(b->variantCount(group), 1u);
+    }
+}
+
+TEST(LoadedPack, ReleasesFallBackToAlphasAndOtherwiseStayEmpty) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "P");
+    pack.sound("d.wav", 0.5f);
+    pack.sound("up-a1.wav", 0.125f);
+    pack.sound("up-a2.wav", 0.25f);
+    pack.sound("up-e.wav", 0.375f);
+    pack.down("alpha", "medium", {"d.wav"});
+    pack.up("alpha", {"up-a1.wav", "up-a2.wav"});
+    pack.down("enter", "medium", {"d.wav"});
+    pack.up("enter", {"up-e.wav"});
+    pack.down("space", "medium", {"d.wav"});
+    pack.up("space", {});
+    const auto loaded = pack.load();
+    EXPECT_TRUE(loaded->hasReleaseSounds());
+    EXPECT_EQ(firstSample(loaded->release(KeyGroup::enter, 5)->sample), 0.375f);
+    for (KeyGroup group : {KeyGroup::alpha, KeyGroup::space, KeyGroup::backspace, KeyGroup::modifier}) {
+        EXPECT_EQ(firstSample(loaded->release(group, 0)->sample), 0.125f) << rawValue(group);
+        EXPECT_EQ(firstSample(loaded->release(group, 3)->sample), 0.25f) << rawValue(group);
+        EXPECT_EQ(loaded->release(group, 3)->gain, 1.0f);
+    }
+
+    PackFolder onlyEnter(scratch / "Q");
+    onlyEnter.sound("d.wav", 0.5f);
+    onlyEnter.sound("up.wav", 0.25f);
+    onlyEnter.down("alpha", "medium", {"d.wav"});
+    onlyEnter.up("enter", {"up.wav"});
+    onlyEnter.down("enter", "medium", {"d.wav"});
+    const auto q = onlyEnter.load();
+    EXPECT_TRUE(q->release(KeyGroup::enter, 0));
+    EXPECT_FALSE(q->release(KeyGroup::alpha, 0));
+    EXPECT_FALSE(q->release(KeyGroup::space, 0));
+}
+
+TEST(LoadedPack, VariantsWrapPerTierAndCountTheLongestList) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "P");
+    const std::map<std::string, int> lengths = {{"soft", 3}, {"medium", 5}, {"hard", 5}, {"slam", 2}};
+    for (const auto& [tier, length] : lengths) {
+        Paths paths;
+        for (int i = 0; i < length; ++i) {
+            paths.push_back(tier + std::to_string(i) + ".wav");
+            pack.sound(paths.back(), static_cast<float>(i + 1) / 16, 48, 1);
+        }
+        pack.down("modifier", tier, paths);
+    }
+    const auto loaded = pack.load();
+    EXPECT_EQ(loaded->variantCount(KeyGroup::modifier), 5u);
+    const auto layers = loaded->layers(KeyGroup::modifier, 4);
+    EXPECT_EQ(firstSample(layers.samples[0]), 2.0f / 16); // entry 1 of 3
+    EXPECT_EQ(firstSample(layers.samples[1]), 5.0f / 16); // entry 4 of 5
+    EXPECT_EQ(firstSample(layers.samples[2]), 5.0f / 16);
+    EXPECT_EQ(firstSample(layers.samples[3]), 1.0f / 16); // entry 0 of 2
+    EXPECT_EQ(layers.samples[0].left, layers.samples[0].right);
+    EXPECT_EQ(loaded->memoryBytes(), 15u * 48 * 4);
+}
+
+TEST(LoadedPack, SkipsUnknownNamesAndEmptyListsAndMatchesTierNamesInAnyCase) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "P", "the-id");
+    pack.sound("soft.wav", 0.25f);
+    // Files of skipped entries do not exist: loading them would fail.
+    pack.down("alpha", "Soft", {"soft.wav"});
+    pack.down("alpha", "loud", {"missing-1.wav"});
+    pack.down("alpha", "hard", {});
+    pack.down("thumb", "soft", {"missing-2.wav"});
+    pack.up("thumb", {"missing-3.wav"});
+    const auto loaded = pack.load();
+    EXPECT_EQ(loaded->sampleCount(), 1u);
+    EXPECT_EQ(firstSample(loaded->layers(KeyGroup::alpha, 0).samples[3]), 0.25f);
+
+    PackFolder unknown(scratch / "U", "the-id");
+    unknown.down("Alpha", "soft", {"x.wav"});
+    unknown.down("thumb", "soft", {"x.wav"});
+    unknown.down("space", "soft", {});
+    EXPECT_EQ(unknown.loadError(), "Pack the-id has no usable sounds");
+}
+
+TEST(LoadedPack, AFileNamedInSeveralListsIsDecodedAndCountedOnce) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "P");
+    pack.sound("shared.wav", 0.5f, 1000);
+    pack.sound("sub/mono.wav", 0.25f, 300, 1);
+    pack.down("alpha", "soft", {"shared.wav", "sub/mono.wav"});
+    pack.down("space", "slam", {"shared.wav"});
+    pack.up("enter", {"shared.wav", "sub/mono.wav"});
+    const auto loaded = pack.load();
+    EXPECT_EQ(loaded->sampleCount(), 2u);
+    EXPECT_EQ(loaded->memoryBytes(), 1000u * 8 + 300u * 4);
+    EXPECT_EQ(loaded->layers(KeyGroup::alpha, 0).samples[0].left, loaded->layers(KeyGroup::space, 0).samples[3].left);
+    EXPECT_EQ(loaded->layers(KeyGroup::alpha, 0).samples[0].left, loaded->release(KeyGroup::enter, 0)->sample.left);
+}
+
+TEST(LoadedPack, DecodesEveryFileAtTheOutputRate) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "P");
+    pack.sound("a441.wav", 0.25f, 4410, 2, 44100);
+    pack.sound("a48.wav", 0.25f, 4800, 2, 48000);
+    pack.down("alpha", "soft", {"a441.wav", "a48.wav"});
+    const auto at48 = pack.load(48000);
+    EXPECT_NEAR(at48->layers(KeyGroup::alpha, 0).samples[0].frames, 4800.0, 2.0);
+    EXPECT_EQ(at48->layers(KeyGroup::alpha, 1).samples[0].frames, 4800u);
+    const auto at441 = pack.load(44100);
+    EXPECT_EQ(at441->layers(KeyGroup::alpha, 0).samples[0].frames, 4410u);
+    EXPECT_NEAR(at441->layers(KeyGroup::alpha, 1).samples[0].frames, 4410.0, 2.0);
+}
+
+TEST(LoadedPack, RejectsPathsThatLeaveThePackFolder) {
+    ScratchFolder scratch;
+    test::writeSound(scratch / "outside.wav", {std::vector<float>(48, 0.5f)}, 48000);
+    std::filesystem::create_directories(scratch / "MyPack" / "a");
+    std::filesystem::create_symlink(scratch / "outside.wav", scratch / "MyPack" / "link.wav");
+    std::filesystem::create_symlink(scratch.path(), scratch / "MyPack" / "up");
+    std::filesystem::create_symlink("../../outside.wav", scratch / "MyPack" / "a" / "relative.wav");
+
+    const Paths escaping = {"a/../b.wav",     "/tmp/x.wav",     "..b.wav",        (scratch / "outside.wav").string(),
+                            "link.wav",       "up/outside.wav", "a/relative.wav", "up/nothing-here.wav"};
+    for (const std::string& path : escaping) {
+        PackFolder pack(scratch / "MyPack");
+        pack.sound("b.wav", 0.5f);
+        pack.down("alpha", "soft", {"b.wav", path});
+        EXPECT_EQ(pack.loadError(), "Invalid MyPack: path escapes pack: " + path);
+    }
+}
+
+TEST(LoadedPack, FollowsLinksThatStayInsideThePack) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "real");
+    pack.sound("takes/one.wav", 0.5f);
+    std::filesystem::create_symlink("takes/one.wav", scratch / "real" / "alias.wav");
+    std::filesystem::create_symlink("takes", scratch / "real" / "more");
+    pack.down("alpha", "soft", {"alias.wav", "more/one.wav"});
+    pack.info();
+    // The pack folder itself may be a link, as a user's packs folder entry can be.
+    std::filesystem::create_symlink(scratch / "real", scratch / "linked");
+    const auto loaded = LoadedPack::load(PackInfo{"id", "n", "k", std::nullopt, scratch / "linked", false}, 48000);
+    EXPECT_EQ(loaded->sampleCount(), 2u);
+    EXPECT_EQ(firstSample(loaded->layers(KeyGroup::alpha, 1).samples[0]), 0.5f);
+}
+
+TEST(LoadedPack, AcceptsExactlyTheMemoryBudgetAndRefusesOneFrameMore) {
+    ScratchFolder scratch;
+    // Budget counted as frames × 8; 8-bit mono files keep what is written small.
+    const std::size_t budgetFrames = LoadedPack::memoryBudget / 8;
+    ASSERT_EQ(budgetFrames * 8, 100'663'296u);
+    const std::filesystem::path folder = scratch / "Big";
+    test::writeSound(folder / "big.wav", {std::vector<float>(budgetFrames - 100, 0.0f)}, 48000,
+                     SF_FORMAT_WAV | SF_FORMAT_PCM_U8);
+    PackFolder exact(folder);
+    exact.sound("rest.wav", 0.5f, 100, 1);
+    exact.down("alpha", "soft", {"big.wav", "rest.wav"});
+    const auto loaded = exact.load();
+    EXPECT_EQ(loaded->memoryBytes(), LoadedPack::memoryBudget / 2); // mono: one channel held
+
+    PackFolder over(folder);
+    over.sound("rest.wav", 0.5f, 101, 1);
+    over.down("alpha", "soft", {"big.wav", "rest.wav"});
+    EXPECT_EQ(over.loadError(), "Invalid Big: pack is too large");
+    // The same file named twice counts once, so it cannot push a pack over.
+    over.sound("rest.wav", 0.5f, 100, 1);
+    over.down("space", "soft", {"rest.wav", "big.wav"});
+    EXPECT_EQ(over.loadError(), "(loaded)");
+}
+
+TEST(LoadedPack, ReportsManifestAndDecoderFailuresAsTheyAre) {
+    ScratchFolder scratch;
+    EXPECT_THROW(
+        {
+            try {
+                LoadedPack::load(PackInfo{"id", "n", "k", std::nullopt, scratch / "Gone", false}, 48000);
+            } catch (const PackError& error) {
+                EXPECT_EQ(std::string(error.what()), "No pack.json in " + (scratch / "Gone").string());
+                throw;
+            }
+        },
+        PackError);
+
+    test::writeText(scratch / "Broken" / "pack.json", R"({"formatVersion": 1, "id": "x"})");
+    try {
+        LoadedPack::load(PackInfo{"x", "n", "k", std::nullopt, scratch / "Broken", false}, 48000);
+        ADD_FAILURE() << "loaded";
+    } catch (const PackError& error) {
+        EXPECT_EQ(std::string(error.what()), "Invalid pack.json: key \"name\" is missing");
+    }
+    EXPECT_THROW(LoadedPack::readManifest(scratch / "Broken"), PackManifest::DecodeError);
+
+    PackFolder pack(scratch / "P");
+    test::writeText(scratch / "P" / "notes.wav", "not audio");
+    pack.down("alpha", "soft", {"notes.wav"});
+    pack.info();
+    EXPECT_THROW(pack.load(), SampleBuffer::OpenError);
+    pack.down("alpha", "soft", {"absent.wav"});
+    EXPECT_THROW(pack.load(), SampleBuffer::OpenError);
+}
+
+TEST(LoadedPack, AFailedLoadLeavesTheCurrentPackPlaying) {
+    ScratchFolder scratch;
+    PackFolder pack(scratch / "P");
+    pack.sound("a.wav", 0.5f);
+    pack.down("alpha", "soft", {"a.wav"});
+    const auto current = pack.load();
+    const TBSample before = current->layers(KeyGroup::alpha, 0).samples[0];
+
+    // The same folder, now broken halfway through its files.
+    pack.sound("b.wav", 0.25f);
+    test::writeText(scratch / "P" / "c.wav", "garbage");
+    pack.down("space", "soft", {"b.wav", "c.wav"});
+    std::shared_ptr<const LoadedPack> replacement;
+    EXPECT_THROW(replacement = pack.load(), SampleBuffer::OpenError);
+    EXPECT_EQ(replacement, nullptr);
+
+    const TBSample after = current->layers(KeyGroup::alpha, 0).samples[0];
+    EXPECT_EQ(after.left, before.left);
+    EXPECT_EQ(after.frames, 480u);
+    EXPECT_EQ(after.right[479], 0.5f);
+    EXPECT_EQ(current->sampleCount(), 1u);
+}
+
+} // namespace
+} // namespace tobrin
