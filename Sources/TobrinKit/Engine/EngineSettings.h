@@ -14,17 +14,17 @@ namespace tobrin {
 // the default below, so older settings files load) and encoding writes all
 // eleven.
 struct EngineSettings {
-    bool enabled = true;          // sounds on; off suspends the engine
-    float volume = 0.7f;          // master gain (the mixer clamps it to [0, 4])
-    bool forceSensing = true;     // choose tiers from the motion sensor; off → fixedTier
-    float sensitivity = 1.0f;     // the force classifier's sensitivity
+    bool enabled = true;           // sounds on; off suspends the engine
+    float volume = 0.7f;           // master gain (the mixer clamps it to [0, 4])
+    bool forceSensing = true;      // choose tiers from the motion sensor; off → fixedTier
+    float sensitivity = 1.0f;      // the force classifier's sensitivity
     Tier fixedTier = Tier::medium; // tier without sensing (its raw value, jittered by ±0.3)
-    bool blendTiers = true;       // crossfade neighbouring tiers instead of picking one
-    bool releaseSounds = true;    // play release takes on key-up
-    float spatial = 0.5f;         // stereo width: pan = key position × spatial × 0.6
-    bool quietDuringCalls = true; // pause while a microphone is in use
-    bool shortcutEnabled = true;  // the global toggle shortcut is registered
-    Hotkey shortcut;              // the global toggle shortcut, Ctrl+Alt+Super+K
+    bool blendTiers = true;        // crossfade neighbouring tiers instead of picking one
+    bool releaseSounds = true;     // play release takes on key-up
+    float spatial = 0.5f;          // stereo width: pan = key position × spatial × 0.6
+    bool quietDuringCalls = true;  // pause while a microphone is in use
+    bool shortcutEnabled = true;   // the global toggle shortcut is registered
+    Hotkey shortcut;               // the global toggle shortcut, Ctrl+Alt+Super+K
 
     bool operator==(const EngineSettings&) const = default;
 };

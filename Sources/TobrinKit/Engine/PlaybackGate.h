@@ -9,9 +9,9 @@ namespace tobrin {
 struct PlaybackGate {
     enum class State : std::uint8_t { playing, off, pausedForCall };
 
-    bool enabled = true;           // the user's sound switch
-    bool quietDuringCalls = true;  // the setting of that name
-    bool micInUse = false;         // from the microphone watch
+    bool enabled = true;          // the user's sound switch
+    bool quietDuringCalls = true; // the setting of that name
+    bool micInUse = false;        // from the microphone watch
 
     // The switch wins over a call: a disabled gate is off even while the mic is in use.
     State state() const;

@@ -40,9 +40,8 @@ bool ForceSensor::start() {
     std::lock_guard state(stateLock_);
     if (running_.load(std::memory_order_relaxed)) return true;
     if (!source_) return false;
-    const bool started = source_->start([this](std::span<const std::uint8_t> report, std::uint64_t timestamp) {
-        ingest(report, timestamp);
-    });
+    const bool started = source_->start(
+        [this](std::span<const std::uint8_t> report, std::uint64_t timestamp) { ingest(report, timestamp); });
     running_.store(started, std::memory_order_release);
     return started;
 }

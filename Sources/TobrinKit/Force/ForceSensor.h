@@ -31,10 +31,10 @@ namespace tobrin {
 
 // The strongest sample in a time window.
 struct ForceWindow {
-    float peak = 0;               // g
-    std::uint64_t peakTime = 0;   // host ticks; 0 when every sample was 0
-    int samples = 0;              // samples in the window
-    std::uint64_t latest = 0;     // time of the newest sample in the ring
+    float peak = 0;             // g
+    std::uint64_t peakTime = 0; // host ticks; 0 when every sample was 0
+    int samples = 0;            // samples in the window
+    std::uint64_t latest = 0;   // time of the newest sample in the ring
 
     bool operator==(const ForceWindow&) const = default;
 };

@@ -14,20 +14,19 @@ namespace {
 using Label = std::pair<std::uint32_t, const char*>;
 
 constexpr std::array<Label, 34> specialKeys = {{
-    {49, "Space"}, {36, "↩"},   {48, "⇥"},   {51, "⌫"},   {117, "⌦"},  {53, "⎋"},   {123, "←"},
-    {124, "→"},    {125, "↓"},  {126, "↑"},  {115, "↖"},  {119, "↘"},  {116, "⇞"},  {121, "⇟"},
-    {122, "F1"},   {120, "F2"}, {99, "F3"},  {118, "F4"}, {96, "F5"},  {97, "F6"},  {98, "F7"},
-    {100, "F8"},   {101, "F9"}, {109, "F10"}, {103, "F11"}, {111, "F12"}, {105, "F13"}, {107, "F14"},
-    {113, "F15"},  {106, "F16"}, {64, "F17"}, {79, "F18"}, {80, "F19"}, {90, "F20"},
+    {49, "Space"}, {36, "↩"},    {48, "⇥"},    {51, "⌫"},    {117, "⌦"},   {53, "⎋"},    {123, "←"},
+    {124, "→"},    {125, "↓"},   {126, "↑"},   {115, "↖"},   {119, "↘"},   {116, "⇞"},   {121, "⇟"},
+    {122, "F1"},   {120, "F2"},  {99, "F3"},   {118, "F4"},  {96, "F5"},   {97, "F6"},   {98, "F7"},
+    {100, "F8"},   {101, "F9"},  {109, "F10"}, {103, "F11"}, {111, "F12"}, {105, "F13"}, {107, "F14"},
+    {113, "F15"},  {106, "F16"}, {64, "F17"},  {79, "F18"},  {80, "F19"},  {90, "F20"},
 }};
 
 constexpr std::array<Label, 47> qwertyKeys = {{
-    {0, "A"},   {11, "B"},  {8, "C"},   {2, "D"},   {14, "E"},  {3, "F"},   {5, "G"},   {4, "H"},
-    {34, "I"},  {38, "J"},  {40, "K"},  {37, "L"},  {46, "M"},  {45, "N"},  {31, "O"},  {35, "P"},
-    {12, "Q"},  {15, "R"},  {1, "S"},   {17, "T"},  {32, "U"},  {9, "V"},   {13, "W"},  {7, "X"},
-    {16, "Y"},  {6, "Z"},   {29, "0"},  {18, "1"},  {19, "2"},  {20, "3"},  {21, "4"},  {23, "5"},
-    {22, "6"},  {26, "7"},  {28, "8"},  {25, "9"},  {27, "-"},  {24, "="},  {33, "["},  {30, "]"},
-    {41, ";"},  {39, "'"},  {43, ","},  {47, "."},  {44, "/"},  {42, "\\"}, {50, "`"},
+    {0, "A"},  {11, "B"}, {8, "C"},  {2, "D"},  {14, "E"}, {3, "F"},   {5, "G"},  {4, "H"},  {34, "I"}, {38, "J"},
+    {40, "K"}, {37, "L"}, {46, "M"}, {45, "N"}, {31, "O"}, {35, "P"},  {12, "Q"}, {15, "R"}, {1, "S"},  {17, "T"},
+    {32, "U"}, {9, "V"},  {13, "W"}, {7, "X"},  {16, "Y"}, {6, "Z"},   {29, "0"}, {18, "1"}, {19, "2"}, {20, "3"},
+    {21, "4"}, {23, "5"}, {22, "6"}, {26, "7"}, {28, "8"}, {25, "9"},  {27, "-"}, {24, "="}, {33, "["}, {30, "]"},
+    {41, ";"}, {39, "'"}, {43, ","}, {47, "."}, {44, "/"}, {42, "\\"}, {50, "`"},
 }};
 
 template <std::size_t N>
@@ -57,8 +56,7 @@ std::uint32_t decodeUInt32(const nlohmann::json& json) {
         fits = value >= 0 && value <= std::int64_t(UINT32_MAX);
     }
     if (!fits) {
-        throw nlohmann::json::type_error::create(302, "expected an unsigned 32-bit integer, got " + json.dump(),
-                                                 &json);
+        throw nlohmann::json::type_error::create(302, "expected an unsigned 32-bit integer, got " + json.dump(), &json);
     }
     return static_cast<std::uint32_t>(json.get<std::uint64_t>());
 }
@@ -86,9 +84,7 @@ std::string Hotkey::displayString(const KeyNamer& keyName) const {
 
 void to_json(nlohmann::json& json, const Modifiers& modifiers) { json = modifiers.rawValue; }
 
-void from_json(const nlohmann::json& json, Modifiers& modifiers) {
-    modifiers.rawValue = decodeUInt32(json);
-}
+void from_json(const nlohmann::json& json, Modifiers& modifiers) { modifiers.rawValue = decodeUInt32(json); }
 
 void to_json(nlohmann::json& json, const Hotkey& hotkey) {
     json = nlohmann::json{{"keyCode", hotkey.keyCode}, {"modifiers", hotkey.modifiers}};

@@ -26,7 +26,10 @@ struct Modifiers {
 
     constexpr Modifiers operator|(Modifiers other) const { return {rawValue | other.rawValue}; }
     constexpr Modifiers operator&(Modifiers other) const { return {rawValue & other.rawValue}; }
-    constexpr Modifiers& operator|=(Modifiers other) { rawValue |= other.rawValue; return *this; }
+    constexpr Modifiers& operator|=(Modifiers other) {
+        rawValue |= other.rawValue;
+        return *this;
+    }
 
     bool operator==(const Modifiers&) const = default;
 };

@@ -22,7 +22,7 @@ ColumnTable buildColumns() {
         for (std::uint16_t code : codes) place(code, start + step * i++);
     };
 
-    place(53, 0.5); // Escape
+    place(53, 0.5);                                                           // Escape
     row({122, 120, 99, 118, 96, 97, 98, 100, 101, 109, 103, 111}, 1.6, 1.08); // F1–F12
     row({50, 18, 19, 20, 21, 23, 22, 26, 28, 25, 29, 27, 24}, 0.5, 1.0);      // ` 1 … 0 - =
     place(51, 14.0);                                                          // Delete

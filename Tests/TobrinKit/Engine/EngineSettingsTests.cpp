@@ -71,7 +71,7 @@ TEST(EngineSettings, EncodesAllElevenKeysAndRoundTrips) {
     settings.shortcut = Hotkey{17, Modifiers::control | Modifiers::shift};
 
     const nlohmann::json json = settings;
-    const char* keys[] = {"enabled",       "volume", "forceSensing",     "sensitivity",     "fixedTier", "blendTiers",
+    const char* keys[] = {"enabled",       "volume",  "forceSensing",     "sensitivity",     "fixedTier", "blendTiers",
                           "releaseSounds", "spatial", "quietDuringCalls", "shortcutEnabled", "shortcut"};
     EXPECT_EQ(json.size(), 11u);
     for (const char* key : keys) EXPECT_TRUE(json.contains(key)) << key;

@@ -13,10 +13,10 @@ TEST(PlaybackGate, StateFollowsSwitchThenCall) {
         State expected;
     };
     const Case cases[] = {
-        {true, true, false, State::playing},   {true, true, true, State::pausedForCall},
-        {true, false, true, State::playing},   {true, false, false, State::playing},
-        {false, true, true, State::off},       {false, false, false, State::off},
-        {false, true, false, State::off},      {false, false, true, State::off},
+        {true, true, false, State::playing}, {true, true, true, State::pausedForCall},
+        {true, false, true, State::playing}, {true, false, false, State::playing},
+        {false, true, true, State::off},     {false, false, false, State::off},
+        {false, true, false, State::off},    {false, false, true, State::off},
     };
     for (const Case& c : cases) {
         const PlaybackGate gate{c.enabled, c.quietDuringCalls, c.micInUse};

@@ -38,9 +38,17 @@ TEST(ForceClassifierTierPosition, IsLinearInLogStrengthBetweenCentres) {
         float relative, position;
     };
     const Case cases[] = {
-        {1.0f, 1.0f},  {0.4f, 0.0f},  {4.0f, 3.0f},  {0.0f, 0.0f}, {100.0f, 3.0f},  {-2.0f, 0.0f},
-        {2.2f, 2.0f},  {std::sqrt(0.4f), 0.5f},        {std::sqrt(2.2f), 1.5f},
-        {std::sqrt(2.2f * 4.0f), 2.5f},                 {0.1f, 0.0f},
+        {1.0f, 1.0f},
+        {0.4f, 0.0f},
+        {4.0f, 3.0f},
+        {0.0f, 0.0f},
+        {100.0f, 3.0f},
+        {-2.0f, 0.0f},
+        {2.2f, 2.0f},
+        {std::sqrt(0.4f), 0.5f},
+        {std::sqrt(2.2f), 1.5f},
+        {std::sqrt(2.2f * 4.0f), 2.5f},
+        {0.1f, 0.0f},
     };
     for (const Case& c : cases) EXPECT_NEAR(ForceClassifier::tierPosition(c.relative), c.position, 1e-5) << c.relative;
     EXPECT_EQ(ForceClassifier::tierPosition(std::numeric_limits<float>::quiet_NaN()), 0.0f);
@@ -67,7 +75,10 @@ TEST(ForceClassifierWeights, CrossfadeNeighboursWithEqualPower) {
         {7.0f, true, {0, 0, 0, 1}},
         {2.0f, true, {0, 0, 1, 0}},
         {2.00005f, true, {0, 0, 1, 0}},
-        {0.25f, true, {static_cast<float>(std::cos(std::numbers::pi / 8)), static_cast<float>(std::sin(std::numbers::pi / 8)), 0, 0}},
+        {0.25f,
+         true,
+         {static_cast<float>(std::cos(std::numbers::pi / 8)), static_cast<float>(std::sin(std::numbers::pi / 8)), 0,
+          0}},
         {std::numeric_limits<float>::quiet_NaN(), true, {1, 0, 0, 0}},
     };
     for (const Case& c : cases) {
@@ -89,8 +100,15 @@ TEST(ForceClassifierEdgeGain, BoostsOnlyOutsideTheTierRange) {
         float relative, gain;
     };
     const Case cases[] = {
-        {0.0f, 0.45f}, {0.1f, 0.5f}, {0.3f, std::sqrt(0.75f)}, {0.4f, 1.0f}, {2.0f, 1.0f},
-        {4.0f, 1.0f},  {5.0f, std::pow(1.25f, 0.25f)},           {16.0f, 1.25f}, {-1.0f, 0.45f},
+        {0.0f, 0.45f},
+        {0.1f, 0.5f},
+        {0.3f, std::sqrt(0.75f)},
+        {0.4f, 1.0f},
+        {2.0f, 1.0f},
+        {4.0f, 1.0f},
+        {5.0f, std::pow(1.25f, 0.25f)},
+        {16.0f, 1.25f},
+        {-1.0f, 0.45f},
         {std::numeric_limits<float>::quiet_NaN(), 1.0f},
     };
     for (const Case& c : cases) EXPECT_NEAR(ForceClassifier::edgeGain(c.relative), c.gain, 1e-6) << c.relative;

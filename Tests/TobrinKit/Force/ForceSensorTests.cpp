@@ -24,7 +24,7 @@ float valueAt(const ForceSensor& sensor, std::uint64_t time) {
 }
 
 TEST(ForceSensorReport, DecodesLittleEndianFixedPointAxes) {
-    std::vector<std::uint8_t> report(22, 0xAA); // header and tail bytes are not read
+    std::vector<std::uint8_t> report(22, 0xAA);             // header and tail bytes are not read
     const std::uint8_t axes[12] = {0x00, 0x00, 0x01, 0x00,  // x = 0x00010000 → 1 g
                                    0x00, 0x80, 0xFF, 0xFF,  // y = −0x8000 → −0.5 g
                                    0x01, 0x00, 0x00, 0x00}; // z = 1 / 65536 g
@@ -138,9 +138,9 @@ protected:
 };
 
 TEST_F(ForceSensorWindow, ReportsNothingWithoutSamplesInRange) {
-    EXPECT_FALSE(sensor.window(1011, 5000));        // from newer than every sample
-    EXPECT_FALSE(sensor.window(0, 999));            // every sample newer than to
-    EXPECT_FALSE(sensor.window(1005, 1004));        // empty range
+    EXPECT_FALSE(sensor.window(1011, 5000)); // from newer than every sample
+    EXPECT_FALSE(sensor.window(0, 999));     // every sample newer than to
+    EXPECT_FALSE(sensor.window(1005, 1004)); // empty range
     EXPECT_TRUE(sensor.samples(1011, 5000).empty());
 }
 
@@ -154,8 +154,8 @@ TEST_F(ForceSensorWindow, AllZeroSamplesGivePeakZeroAtTimeZero) {
 }
 
 TEST_F(ForceSensorWindow, FindsTheStrongestSampleWithTheNewestWinningATie) {
-    feed(sensor, {0, 0.2, 1}, 1020);  // a jolt...
-    feed(sensor, {0, 0, 1}, 1030);    // ...and the rebound, whose magnitude follows from the averages
+    feed(sensor, {0, 0.2, 1}, 1020); // a jolt...
+    feed(sensor, {0, 0, 1}, 1030);   // ...and the rebound, whose magnitude follows from the averages
     feed(sensor, {0, 0.05, 1}, 1040);
     const float jolt = valueAt(sensor, 1020);
     EXPECT_NEAR(jolt, 0.95 * std::round(0.2 * 65536) / 65536, 1e-7); // 0.2 g on the 16.16 grid, less 5 %
@@ -171,7 +171,6 @@ TEST_F(ForceSensorWindow, FindsTheStrongestSampleWithTheNewestWinningATie) {
     EXPECT_EQ(later->peak, std::max(valueAt(sensor, 1030), valueAt(sensor, 1040)));
     EXPECT_EQ(later->samples, 2);
     EXPECT_EQ(later->latest, 1040u);
-
 }
 
 TEST(ForceSensorWindowTie, NewestOfEqualPeaksWins) {

@@ -54,7 +54,7 @@ TEST(SensorRecording, WriterOutputReadsBackReportForReport) {
         for (int i = 0; i < 300; ++i) {
             auto report = ForceSensor::encodeReport({0.001 * i, -0.5, 1.0 + 0.01 * (i % 7)});
             std::vector<std::uint8_t> bytes(report.begin(), report.end());
-            if (i == 100) bytes.pop_back();     // a malformed 21-byte report is kept as it came
+            if (i == 100) bytes.pop_back(); // a malformed 21-byte report is kept as it came
             if (i == 101) bytes.push_back(0xEE);
             writer.append(bytes, first + std::uint64_t(i) * 997'000);
             reports.push_back(bytes);
@@ -68,8 +68,8 @@ TEST(SensorRecording, WriterOutputReadsBackReportForReport) {
     ASSERT_EQ(recording.size(), reports.size());
     for (std::size_t i = 0; i < 300; ++i) {
         EXPECT_EQ(recording.offset(i), i * 997'000) << i;
-        ASSERT_TRUE(std::equal(reports[i].begin(), reports[i].end(), recording.report(i).begin(),
-                               recording.report(i).end()))
+        ASSERT_TRUE(
+            std::equal(reports[i].begin(), reports[i].end(), recording.report(i).begin(), recording.report(i).end()))
             << i;
     }
     EXPECT_EQ(recording.offset(300), recording.offset(299));
@@ -271,8 +271,7 @@ TEST(ForceSensorConcurrency, QueriesStartsAndStopsRaceCleanlyWithIngest) {
     reader.join();
     sensor.stop();
     EXPECT_GT(windows.load(), 0);
-    EXPECT_EQ(sensor.samples(0, std::numeric_limits<std::uint64_t>::max()).size(),
-              std::size_t(ForceSensor::capacity));
+    EXPECT_EQ(sensor.samples(0, std::numeric_limits<std::uint64_t>::max()).size(), std::size_t(ForceSensor::capacity));
 }
 
 } // namespace

@@ -63,8 +63,7 @@ TEST(Hotkey, CodesKeyCodeAndRawModifiers) {
     const nlohmann::json json = hotkey;
     EXPECT_EQ(json, nlohmann::json::parse(R"({"keyCode": 46, "modifiers": 5})"));
     EXPECT_EQ(json.get<Hotkey>(), hotkey);
-    EXPECT_EQ(nlohmann::json::parse(R"({"keyCode": 4294967295, "modifiers": 0})").get<Hotkey>().keyCode,
-              4294967295u);
+    EXPECT_EQ(nlohmann::json::parse(R"({"keyCode": 4294967295, "modifiers": 0})").get<Hotkey>().keyCode, 4294967295u);
 }
 
 TEST(Hotkey, RejectsMissingKeysAndNumbersOutsideUnsigned32Bits) {

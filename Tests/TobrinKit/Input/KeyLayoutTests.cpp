@@ -15,12 +15,10 @@ TEST(KeyLayout, GroupsKeysBySound) {
         KeyGroup group;
     };
     const Case cases[] = {
-        {49, KeyGroup::space},     {36, KeyGroup::enter},     {76, KeyGroup::enter},
-        {51, KeyGroup::backspace}, {117, KeyGroup::backspace}, {48, KeyGroup::modifier},
-        {54, KeyGroup::modifier},  {56, KeyGroup::modifier},   {57, KeyGroup::modifier},
-        {63, KeyGroup::modifier},  {53, KeyGroup::alpha},      {50, KeyGroup::alpha},
-        {64, KeyGroup::alpha},     {0, KeyGroup::alpha},       {52, KeyGroup::alpha},
-        {65535, KeyGroup::alpha},
+        {49, KeyGroup::space},      {36, KeyGroup::enter},    {76, KeyGroup::enter},    {51, KeyGroup::backspace},
+        {117, KeyGroup::backspace}, {48, KeyGroup::modifier}, {54, KeyGroup::modifier}, {56, KeyGroup::modifier},
+        {57, KeyGroup::modifier},   {63, KeyGroup::modifier}, {53, KeyGroup::alpha},    {50, KeyGroup::alpha},
+        {64, KeyGroup::alpha},      {0, KeyGroup::alpha},     {52, KeyGroup::alpha},    {65535, KeyGroup::alpha},
     };
     for (const Case& c : cases) EXPECT_EQ(KeyLayout::group(c.code), c.group) << c.code;
 }
@@ -31,16 +29,15 @@ TEST(KeyLayout, ColumnsFollowTheRowsOfTheKeyboard) {
         double column;
     };
     const Case cases[] = {
-        {53, 0.5},    {122, 1.6},   {111, 13.48}, {50, 0.5},   {24, 12.5},  {51, 14.0}, {12, 2.0},
-        {30, 13.0},   {0, 2.25},    {39, 12.25},  {6, 2.75},   {44, 11.75}, {49, 7.5},  {124, 14.9},
-        {117, 14.6},  {42, 14.25},  {60, 13.9},
+        {53, 0.5},   {122, 1.6}, {111, 13.48}, {50, 0.5}, {24, 12.5},  {51, 14.0},  {12, 2.0},   {30, 13.0}, {0, 2.25},
+        {39, 12.25}, {6, 2.75},  {44, 11.75},  {49, 7.5}, {124, 14.9}, {117, 14.6}, {42, 14.25}, {60, 13.9},
     };
     for (const Case& c : cases) {
         ASSERT_TRUE(KeyLayout::column(c.code)) << c.code;
         EXPECT_NEAR(*KeyLayout::column(c.code), c.column, 1e-12) << c.code;
     }
-    EXPECT_FALSE(KeyLayout::column(76));  // keypad Enter
-    EXPECT_FALSE(KeyLayout::column(10));  // ISO section key
+    EXPECT_FALSE(KeyLayout::column(76)); // keypad Enter
+    EXPECT_FALSE(KeyLayout::column(10)); // ISO section key
     EXPECT_FALSE(KeyLayout::column(200));
 }
 
