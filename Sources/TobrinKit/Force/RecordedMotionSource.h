@@ -30,7 +30,9 @@ public:
     struct Options {
         // 1 = the recorded pace, 2 = twice as fast, and so on. 0 (or less)
         // delivers everything at once; the time stamps then keep the
-        // recorded spacing (startTime() + offset).
+        // recorded spacing (startTime() + offset) and so run ahead of the
+        // clock: restarting such a replay before its last stamp has passed
+        // puts older stamps after newer ones in the sensor's ring.
         double speed = 1.0;
     };
 

@@ -236,7 +236,10 @@ TEST(RecordedMotionSource, IsFoundThroughTheEnvironment) {
 TEST(ForceSensorConcurrency, QueriesStartsAndStopsRaceCleanlyWithIngest) {
     const auto path = testFile("storm.replay");
     typingRecording(6000, 3000, 0.4).write(path);
-    auto owned = std::make_unique<RecordedMotionSource>(path, RecordedMotionSource::Options{.speed = 0});
+    // Paced (20× the recorded speed) so that, as with a device, time stamps
+    // keep increasing across restarts and the ring stays in time order.
+    auto owned = std::make_unique<RecordedMotionSource>(path, RecordedMotionSource::Options{.speed = 20});
+    RecordedMotionSource& source = *owned;
     ForceSensor sensor(std::move(owned));
     ASSERT_TRUE(sensor.start());
 
@@ -266,7 +269,7 @@ TEST(ForceSensorConcurrency, QueriesStartsAndStopsRaceCleanlyWithIngest) {
     });
     switcher.join();
     // Let the last run finish so the reader sees a full ring too.
-    while (sensor.reportsReceived() < 6000) std::this_thread::sleep_for(1ms);
+    EXPECT_TRUE(source.waitUntilFinished(30s));
     done.store(true);
     reader.join();
     sensor.stop();
