@@ -38,8 +38,7 @@ struct Weights {
     std::size_t size() const { return count; }
     float operator[](std::size_t index) const { return values[index]; }
     const float* begin() const { return values.data(); }
-    const float* end() const { return values.data() + count; }
-    operator std::span<const float>() const { return {values.data(), count}; }
+    const float* end() const { return values.data() + count; } // a contiguous range: passes as a span
 };
 
 // The first output of the generator seeded with the key code: the key's

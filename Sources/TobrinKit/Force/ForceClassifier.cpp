@@ -44,9 +44,12 @@ void ForceClassifier::record(float peak) {
         history_.erase(history_.begin(), history_.end() - historyLimit);
     }
     if (history_.size() < std::size_t(minimumHistory)) return;
-    std::vector<float> sorted = history_;
-    std::sort(sorted.begin(), sorted.end());
-    const float median = sorted[sorted.size() / 2];
+    // The element at index count / 2 of the sorted peaks (the upper middle for
+    // an even count); partial ordering finds the same value as a full sort.
+    std::vector<float> ordered = history_;
+    const auto middle = ordered.begin() + std::ptrdiff_t(ordered.size() / 2);
+    std::nth_element(ordered.begin(), middle, ordered.end());
+    const float median = *middle;
     reference_ = std::min(4.0f * baseReference_, std::max(0.25f * baseReference_, median));
 }
 

@@ -90,13 +90,5 @@ TEST(EngineSettings, WritesFloatsAsTheirShortestDecimal) {
     EXPECT_EQ(nlohmann::json::parse(nlohmann::json(odd).dump()).get<EngineSettings>().sensitivity, odd.sensitivity);
 }
 
-TEST(ForceReading, ComparesEveryField) {
-    const ForceReading reading{12, 1.5f, 1.2f, 0.03f, true};
-    EXPECT_EQ(reading, (ForceReading{12, 1.5f, 1.2f, 0.03f, true}));
-    EXPECT_NE(reading, (ForceReading{13, 1.5f, 1.2f, 0.03f, true}));
-    EXPECT_NE(reading, (ForceReading{12, 1.5f, 1.2f, 0.03f, false}));
-    EXPECT_NE(reading, (ForceReading{12, 1.5f, 1.2f, 0.04f, true}));
-}
-
 } // namespace
 } // namespace tobrin

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <unordered_set>
-
 namespace tobrin {
 namespace {
 
@@ -79,13 +77,6 @@ TEST(Hotkey, RejectsMissingKeysAndNumbersOutsideUnsigned32Bits) {
         SCOPED_TRACE(text);
         EXPECT_THROW(nlohmann::json::parse(text).get<Hotkey>(), nlohmann::json::exception);
     }
-}
-
-TEST(Hotkey, HashesByKeyAndModifiers) {
-    std::unordered_set<Hotkey> set(Hotkey::presets.begin(), Hotkey::presets.end());
-    set.insert(Hotkey{40, Modifiers{3}});
-    set.insert(Hotkey{});
-    EXPECT_EQ(set.size(), 5u);
 }
 
 } // namespace
