@@ -22,10 +22,10 @@ namespace tobrin::testing {
 struct SndfileContents {
     int channels = 0;
     int sampleRate = 0;
-    int format = 0;              // SF_FORMAT_* major | subtype
+    int format = 0; // SF_FORMAT_* major | subtype
     std::int64_t frames = 0;
-    std::vector<short> samples;  // interleaved, as stored (16-bit files)
-    std::vector<float> floats;   // interleaved, scaled to [-1, 1)
+    std::vector<short> samples; // interleaved, as stored (16-bit files)
+    std::vector<float> floats;  // interleaved, scaled to [-1, 1)
 };
 
 // Everything libsndfile reads from `file`, or nothing when it cannot open it.
@@ -68,8 +68,10 @@ inline CommandResult runCommand(const std::string& command) {
 inline std::string quoted(const std::filesystem::path& path) {
     std::string text = "'";
     for (char c : path.string()) {
-        if (c == '\'') text += "'\\''";
-        else text += c;
+        if (c == '\'')
+            text += "'\\''";
+        else
+            text += c;
     }
     return text + "'";
 }

@@ -65,8 +65,7 @@ void hopEnergies(const std::array<const float*, Channels>& channels, std::vector
 
 } // namespace
 
-double Loudness::integrated(std::span<const float> left, std::optional<std::span<const float>> right,
-                            double rate) {
+double Loudness::integrated(std::span<const float> left, std::optional<std::span<const float>> right, double rate) {
     if (rate != 48000) {
         std::fprintf(stderr, "Tobrin: Loudness::integrated needs 48000 Hz, got %g\n", rate);
         std::abort();

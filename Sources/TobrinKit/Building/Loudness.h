@@ -16,8 +16,7 @@ public:
     // at least as long). Minus infinity when the signal is shorter than one
     // block or every block is below −70 LUFS; floorValue when no block passes
     // the relative gate. Only rate 48000 is accepted; any other aborts.
-    static double integrated(std::span<const float> left, std::optional<std::span<const float>> right,
-                             double rate);
+    static double integrated(std::span<const float> left, std::optional<std::span<const float>> right, double rate);
 
     // −0.691 + 10·log10(1e-20): what an empty relative gate measures.
     static constexpr double floorValue = -0.691 + 10.0 * -20.0;

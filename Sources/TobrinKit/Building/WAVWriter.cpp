@@ -74,8 +74,8 @@ void writeAll(int fd, const std::uint8_t* bytes, std::size_t size, const std::fi
 
 } // namespace
 
-void WAVWriter::write(std::span<const float> left, std::optional<std::span<const float>> right,
-                      std::int64_t sampleRate, const std::filesystem::path& file) {
+void WAVWriter::write(std::span<const float> left, std::optional<std::span<const float>> right, std::int64_t sampleRate,
+                      const std::filesystem::path& file) {
     const std::uint64_t channels = right ? 2 : 1;
     const std::uint64_t frames = left.size();
     if (right && right->size() < left.size()) fatal("right channel shorter than left");

@@ -19,8 +19,8 @@ public:
     // renamed over it, so readers never see a partial file. Throws
     // std::filesystem::filesystem_error when the file cannot be written. A
     // size or rate beyond the format's 32-bit fields aborts.
-    static void write(std::span<const float> left, std::optional<std::span<const float>> right,
-                      std::int64_t sampleRate, const std::filesystem::path& file);
+    static void write(std::span<const float> left, std::optional<std::span<const float>> right, std::int64_t sampleRate,
+                      const std::filesystem::path& file);
 
     // The 16-bit value of one sample plus its dither (d in [−2^−15, 2^−15)).
     static std::int16_t quantise(float sample, float dither) {

@@ -44,8 +44,7 @@ public:
     // Band-passed white noise decaying with time constant `decay`.
     void noiseBurst(double center, double q, double decay, double amplitude, std::ptrdiff_t start,
                     std::ptrdiff_t length) {
-        shapedNoise(Biquad::bandpass(center, q, rate), amplitude * 2.2, std::exp(-1.0 / (decay * rate)),
-                    start, length);
+        shapedNoise(Biquad::bandpass(center, q, rate), amplitude * 2.2, std::exp(-1.0 / (decay * rate)), start, length);
     }
 
     // Noise through `filter`, its gain multiplied by `factor` after every
@@ -206,9 +205,8 @@ KeySynth::Sound KeySynth::render(KeyGroup group, std::optional<Tier> tier, std::
         if (earlyLevel > 0) {
             const double ej = strike.jitter(0.03);
             const auto& burst = early.burst;
-            strike.noiseBurst(ej * burst.center, burst.q, burst.decay,
-                              burst.amplitude * (0.25 * s + 0.75) * earlyLevel, 14,
-                              std::min(frames(burst.decay * 10.0), N - 14));
+            strike.noiseBurst(ej * burst.center, burst.q, burst.decay, burst.amplitude * (0.25 * s + 0.75) * earlyLevel,
+                              14, std::min(frames(burst.decay * 10.0), N - 14));
             if (early.tone) {
                 const auto& tone = *early.tone;
                 const double frequency = ej * tone.frequency;
@@ -275,8 +273,8 @@ KeySynth::Sound KeySynth::render(KeyGroup group, std::optional<Tier> tier, std::
     // 8. Bottom-out, slam only.
     if (tier == Tier::slam) {
         const auto& impact = profile.impact;
-        strike.noiseBurst(0.8 * impact.center, impact.q, impact.decay, 0.32 * V * impact.amplitude,
-                          frames(T + 0.0022), frames(impact.decay * 10.0));
+        strike.noiseBurst(0.8 * impact.center, impact.q, impact.decay, 0.32 * V * impact.amplitude, frames(T + 0.0022),
+                          frames(impact.decay * 10.0));
     }
 
     // 9. Ping, press only.
@@ -285,8 +283,7 @@ KeySynth::Sound KeySynth::render(KeyGroup group, std::optional<Tier> tier, std::
         const double frequency = strike.jitter(0.02) * ping.frequency;
         if (frequency < highestFrequency) {
             const double u = strike.noiseUnit();
-            strike.ringingPartial(frequency, ping.decay, ping.amplitude * s, 2.0 * pi * u, S,
-                                  frames(ping.decay * 9.0));
+            strike.ringingPartial(frequency, ping.decay, ping.amplitude * s, 2.0 * pi * u, S, frames(ping.decay * 9.0));
         }
     }
 
@@ -319,8 +316,7 @@ KeySynth::Sound KeySynth::render(KeyGroup group, std::optional<Tier> tier, std::
         for (const BellPartial& partial : bellPartials) {
             const double frequency = partial.ratio * bellFrequency;
             if (!(frequency < highestFrequency)) continue;
-            strike.ringingPartial(frequency, partial.decay, partial.amplitude, 0.0, start,
-                                  frames(partial.decay * 9.0));
+            strike.ringingPartial(frequency, partial.decay, partial.amplitude, 0.0, start, frames(partial.decay * 9.0));
         }
     }
 

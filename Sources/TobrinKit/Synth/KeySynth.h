@@ -35,11 +35,11 @@ public:
 
     // Indexed by KeyGroup.
     static constexpr std::array<GroupShape, 5> shapes = {{
-        {1.0, 1.0, 1.0, 0.0},     // alpha
-        {0.72, 1.7, 1.15, 1.0},   // space
-        {0.86, 1.35, 1.08, 0.5},  // enter
-        {0.9, 1.25, 1.05, 0.4},   // backspace
-        {0.94, 1.1, 0.95, 0.2},   // modifier
+        {1.0, 1.0, 1.0, 0.0},    // alpha
+        {0.72, 1.7, 1.15, 1.0},  // space
+        {0.86, 1.35, 1.08, 0.5}, // enter
+        {0.9, 1.25, 1.05, 0.4},  // backspace
+        {0.94, 1.1, 0.95, 0.2},  // modifier
     }};
 
     // Indexed by Tier; a release strikes with releaseStrength.
@@ -57,8 +57,7 @@ public:
     };
 
     // One take at 48 kHz, not normalised. No tier means the key's release.
-    static Sound render(KeyGroup group, std::optional<Tier> tier, std::uint32_t variant,
-                        const SynthProfile& profile);
+    static Sound render(KeyGroup group, std::optional<Tier> tier, std::uint32_t variant, const SynthProfile& profile);
 
     // 64-bit FNV-1a of the parts joined with "|".
     static std::uint64_t seed(std::initializer_list<std::string_view> parts);

@@ -86,27 +86,59 @@ struct ReferenceCase {
 
 TEST(Loudness, AgreesWithLibebur128WithinFiveHundredthsOfALoudnessUnit) {
     const std::vector<ReferenceCase> cases = {
-        {"mono noise 10 s", [] { return Signal{noise(480000, 0.5, 1), std::nullopt}; }},
-        {"stereo noise 10 s", [] { return Signal{noise(480000, 0.5, 2), noise(480000, 0.2, 3)}; }},
-        {"mono noise one block", [] { return Signal{noise(19200, 1.0, 4), std::nullopt}; }},
-        {"stereo noise 0.53 s", [] { return Signal{noise(25500, 0.3, 5), noise(25500, 0.3, 6)}; }},
-        {"1 kHz tone 5 s", [] { return Signal{tone(240000, 1000, 0.25), std::nullopt}; }},
-        {"60 Hz tone stereo", [] { return Signal{tone(96000, 60, 0.8), tone(96000, 60, 0.8)}; }},
-        {"12 kHz tone", [] { return Signal{tone(96000, 12000, 0.1), std::nullopt}; }},
-        {"clicks 8 s", [] { return Signal{clicks(384000, 7000, 0.9), std::nullopt}; }},
-        {"sparse clicks stereo", [] { return Signal{clicks(192000, 30000, 0.9), clicks(192000, 45000, 0.5)}; }},
+        {"mono noise 10 s",
+         [] {
+             return Signal{noise(480000, 0.5, 1), std::nullopt};
+         }},
+        {"stereo noise 10 s",
+         [] {
+             return Signal{noise(480000, 0.5, 2), noise(480000, 0.2, 3)};
+         }},
+        {"mono noise one block",
+         [] {
+             return Signal{noise(19200, 1.0, 4), std::nullopt};
+         }},
+        {"stereo noise 0.53 s",
+         [] {
+             return Signal{noise(25500, 0.3, 5), noise(25500, 0.3, 6)};
+         }},
+        {"1 kHz tone 5 s",
+         [] {
+             return Signal{tone(240000, 1000, 0.25), std::nullopt};
+         }},
+        {"60 Hz tone stereo",
+         [] {
+             return Signal{tone(96000, 60, 0.8), tone(96000, 60, 0.8)};
+         }},
+        {"12 kHz tone",
+         [] {
+             return Signal{tone(96000, 12000, 0.1), std::nullopt};
+         }},
+        {"clicks 8 s",
+         [] {
+             return Signal{clicks(384000, 7000, 0.9), std::nullopt};
+         }},
+        {"sparse clicks stereo",
+         [] {
+             return Signal{clicks(192000, 30000, 0.9), clicks(192000, 45000, 0.5)};
+         }},
         {"loud then quiet (relative gate)",
-         [] { return Signal{concatenated(noise(96000, 0.5, 8), noise(384000, 0.01, 9)), std::nullopt}; }},
+         [] {
+             return Signal{concatenated(noise(96000, 0.5, 8), noise(384000, 0.01, 9)), std::nullopt};
+         }},
         {"quiet then silence (absolute gate)",
-         [] { return Signal{concatenated(noise(96000, 0.002, 10), std::vector<float>(200000)), std::nullopt}; }},
-        {"rendered keystrokes", [] {
+         [] {
+             return Signal{concatenated(noise(96000, 0.002, 10), std::vector<float>(200000)), std::nullopt};
+         }},
+        {"rendered keystrokes",
+         [] {
              // A typing passage: takes of a synthesized pack, 110 ms apart.
              Signal signal{std::vector<float>(144000), std::vector<float>(144000)};
              const std::array<std::optional<Tier>, 5> tiers = {Tier::soft, Tier::medium, Tier::hard, Tier::slam,
                                                                std::nullopt};
              for (std::uint32_t k = 0; k < 12; ++k) {
-                 const auto sound = KeySynth::render(allKeyGroups[k % 5], tiers[k % 5], k % 2,
-                                                     SynthProfile::starterPacks()[k % 5]);
+                 const auto sound =
+                     KeySynth::render(allKeyGroups[k % 5], tiers[k % 5], k % 2, SynthProfile::starterPacks()[k % 5]);
                  const std::size_t start = k * 5280;
                  for (std::size_t i = 0; i < sound.left.size() && start + i < 144000; ++i) {
                      signal.left[start + i] += sound.left[i];

@@ -135,9 +135,8 @@ TEST_F(WAVWriterTest, ClampsAndTruncatesTheEdgeValues) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     // Full scale itself lands one step inside when its dither points inward.
     const std::vector<Case> cases = {
-        {1.0f, 32766, 32767},   {1.5f, 32767, 32767},   {nan, 32767, 32767},
-        {-1.0f, -32767, -32766}, {-3.0f, -32767, -32767}, {0.5f, 16382, 16384},
-        {0.0f, -1, 0},
+        {1.0f, 32766, 32767},    {1.5f, 32767, 32767}, {nan, 32767, 32767}, {-1.0f, -32767, -32766},
+        {-3.0f, -32767, -32767}, {0.5f, 16382, 16384}, {0.0f, -1, 0},
     };
     // Each value repeated so that many dither draws meet it, in both channels.
     std::vector<float> samples;
