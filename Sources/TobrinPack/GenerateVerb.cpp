@@ -1,0 +1,71 @@
+// tobrin-pack generate [DIR] [--threads N]
+#include "Verbs.h"
+
+#include "TobrinKit/Synth/PackGenerator.h"
+#include "TobrinKit/Synth/SynthProfile.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace tobrin::pack {
+
+namespace {
+
+// $XDG_DATA_HOME/Tobrin/Packs, with ~/.local/share standing in for an unset
+// or relative XDG_DATA_HOME.
+std::optional<std::filesystem::path> userPacksFolder() {
+    const char* data = std::getenv("XDG_DATA_HOME");
+    if (data && data[0] == '/') return std::filesystem::path(data) / "Tobrin" / "Packs";
+    const char* home = std::getenv("HOME");
+    if (!home || home[0] == '\0') return std::nullopt;
+    return std::filesystem::path(home) / ".local" / "share" / "Tobrin" / "Packs";
+}
+
+} // namespace
+
+int runGenerate(std::span<const std::string_view> arguments) {
+    std::optional<std::filesystem::path> folder;
+    unsigned threads = 0;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string_view argument = arguments[i];
+        if (argument == "--threads") {
+            const std::string_view value = i + 1 < arguments.size() ? arguments[++i] : std::string_view();
+            const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), threads);
+            if (value.empty() || error != std::errc() || end != value.data() + value.size() || threads == 0) {
+                printError("--threads needs a positive number");
+                return exitUsage;
+            }
+        } else if (!argument.empty() && argument[0] == '-') {
+            printError("generate: unknown option " + std::string(argument));
+            return exitUsage;
+        } else if (!folder) {
+            folder = std::filesystem::path(argument);
+        } else {
+            printError("generate takes one folder");
+            return exitUsage;
+        }
+    }
+    if (!folder) folder = userPacksFolder();
+    if (!folder) {
+        printError("no folder given and neither XDG_DATA_HOME nor HOME is set");
+        return exitUsage;
+    }
+
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        try {
+            const std::filesystem::path written = PackGenerator::generate(profile, *folder, threads);
+            std::printf("%s\t%s\n", profile.id.c_str(), written.c_str());
+        } catch (const std::exception& error) {
+            printError("cannot generate " + profile.id + ": " + error.what());
+            return exitFailure;
+        }
+    }
+    return exitSuccess;
+}
+
+} // namespace tobrin::pack

@@ -1,0 +1,56 @@
+// tobrin-pack: the pack authors' tool. Each verb lives in its own file and is
+// listed once in the table below; --help is built from that table.
+#include "Verbs.h"
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace tobrin::pack {
+
+namespace {
+
+constexpr std::array verbs = {
+    Verb{"generate", "[DIR] [--threads N]",
+         "write the five synthesized starter packs into DIR (default: your packs folder, "
+         "$XDG_DATA_HOME/Tobrin/Packs)",
+         runGenerate},
+    Verb{"loudness", "FILE...", "print each file's integrated loudness in LUFS, then its name", runLoudness},
+};
+
+void printUsage(std::FILE* stream) {
+    std::fprintf(stream, "Usage: tobrin-pack VERB [ARGUMENTS]\n\nVerbs:\n");
+    for (const Verb& verb : verbs) {
+        std::fprintf(stream, "  %.*s %.*s\n      %.*s\n", int(verb.name.size()), verb.name.data(),
+                     int(verb.arguments.size()), verb.arguments.data(), int(verb.summary.size()), verb.summary.data());
+    }
+    std::fprintf(stream, "\n  --help, -h\n      show this text\n");
+}
+
+} // namespace
+
+void printError(std::string_view message) {
+    std::fprintf(stderr, "tobrin-pack: %.*s\n", int(message.size()), message.data());
+}
+
+int main(int argc, char** argv) {
+    const std::vector<std::string_view> arguments(argv + 1, argv + argc);
+    if (arguments.empty()) {
+        printUsage(stderr);
+        return exitUsage;
+    }
+    if (arguments[0] == "--help" || arguments[0] == "-h") {
+        printUsage(stdout);
+        return exitSuccess;
+    }
+    for (const Verb& verb : verbs) {
+        if (verb.name == arguments[0]) return verb.run(std::span(arguments).subspan(1));
+    }
+    printError("unknown verb " + std::string(arguments[0]) + " (see tobrin-pack --help)");
+    return exitUsage;
+}
+
+} // namespace tobrin::pack
+
+int main(int argc, char** argv) { return tobrin::pack::main(argc, argv); }
