@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/wait.h>
+
 namespace tobrin::testing {
 
 struct SndfileContents {
@@ -48,10 +50,11 @@ inline std::optional<SndfileContents> readWithSndfile(const std::filesystem::pat
     return contents;
 }
 
-// Standard output of a shell command, and whether it exited with 0.
+// Standard output and error of a shell command, and how it exited.
 struct CommandResult {
     std::string output;
     bool succeeded = false;
+    int exitStatus = -1;
 };
 
 inline CommandResult runCommand(const std::string& command) {
@@ -61,7 +64,9 @@ inline CommandResult runCommand(const std::string& command) {
     std::array<char, 4096> chunk{};
     std::size_t got = 0;
     while ((got = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0) result.output.append(chunk.data(), got);
-    result.succeeded = ::pclose(pipe) == 0;
+    const int status = ::pclose(pipe);
+    if (status != -1 && WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
+    result.succeeded = result.exitStatus == 0;
     return result;
 }
 

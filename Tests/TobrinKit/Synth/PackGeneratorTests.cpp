@@ -1,0 +1,294 @@
+#include "TobrinKit/Synth/KeySynth.h"
+#include "TobrinKit/Synth/PackGenerator.h"
+
+#include "Support/IndependentReaders.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace tobrin {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<std::uint8_t> bytesOf(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Relative paths of the regular files under `folder`, sorted.
+std::vector<std::string> filesUnder(const fs::path& folder) {
+    std::vector<std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) files.push_back(fs::relative(entry.path(), folder).string());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+double energyOf(const PackGenerator::Take& take) {
+    double sum = 0;
+    for (float v : take.left) sum += double(v) * v;
+    for (float v : take.right) sum += double(v) * v;
+    return sum;
+}
+
+float peakOf(const PackGenerator::Take& take) {
+    float peak = 0;
+    for (float v : take.left) peak = std::max(peak, std::abs(v));
+    for (float v : take.right) peak = std::max(peak, std::abs(v));
+    return peak;
+}
+
+// The five starter packs, rendered once and written once for the whole suite.
+class StarterPacks : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        folder = new fs::path(fs::path(TOBRIN_TEST_BINARY_DIR) / "starter-packs");
+        fs::remove_all(*folder);
+        takes = new std::map<std::string, std::vector<PackGenerator::Take>>;
+        for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+            auto& rendered = (*takes)[profile.id] = PackGenerator::renderTakes(profile, 2);
+            PackGenerator::write(profile, rendered, *folder);
+        }
+    }
+    static void TearDownTestSuite() {
+        delete takes;
+        delete folder;
+    }
+
+    static const std::vector<PackGenerator::Take>& takesOf(const SynthProfile& profile) {
+        return takes->at(profile.id);
+    }
+
+    static fs::path* folder;
+    static std::map<std::string, std::vector<PackGenerator::Take>>* takes;
+};
+
+fs::path* StarterPacks::folder = nullptr;
+std::map<std::string, std::vector<PackGenerator::Take>>* StarterPacks::takes = nullptr;
+
+TEST_F(StarterPacks, MatchTheRecordedDigestOfEveryFile) {
+    // Recorded digests; how to regenerate them is written at the top of the file.
+    std::ifstream recorded(fs::path(TOBRIN_SYNTH_TEST_DATA_DIR) / "StarterPackDigests.sha256");
+    ASSERT_TRUE(recorded) << "digest file missing";
+    std::map<std::string, std::string> expected;
+    std::string line;
+    while (std::getline(recorded, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        expected[line.substr(66)] = line.substr(0, 64);
+    }
+
+    const std::vector<std::string> files = filesUnder(*folder);
+    std::vector<std::string> expectedFiles;
+    for (const auto& [file, digest] : expected) expectedFiles.push_back(file);
+    ASSERT_EQ(files, expectedFiles) << "the generated files differ from the recorded list";
+
+    // Digests by coreutils' sha256sum, an independent implementation.
+    std::string command = "cd " + testing::quoted(*folder) + " && sha256sum";
+    for (const auto& file : files) command += " " + testing::quoted(file);
+    const testing::CommandResult result = testing::runCommand(command);
+    ASSERT_TRUE(result.succeeded) << result.output;
+    std::istringstream lines(result.output);
+    std::size_t checked = 0;
+    while (std::getline(lines, line)) {
+        const std::string file = line.substr(66);
+        EXPECT_EQ(line.substr(0, 64), expected[file])
+            << file << " changed; the generated packs are in " << folder->string();
+        ++checked;
+    }
+    EXPECT_EQ(checked, expected.size());
+}
+
+TEST_F(StarterPacks, AreTheSameBytesWhateverTheThreadCountAndWhenGeneratedAgain) {
+    const fs::path serial = fs::path(TOBRIN_TEST_BINARY_DIR) / "starter-packs-one-thread";
+    fs::remove_all(serial);
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) PackGenerator::generate(profile, serial, 1);
+    const std::vector<std::string> files = filesUnder(*folder);
+    ASSERT_EQ(filesUnder(serial), files);
+    for (const auto& file : files) ASSERT_EQ(bytesOf(serial / file), bytesOf(*folder / file)) << file;
+
+    // Again, over a folder holding a stale take, with more workers than cores.
+    const SynthProfile& typewriter = SynthProfile::typewriter();
+    std::ofstream(serial / typewriter.id / "stale.wav") << "left over";
+    PackGenerator::generate(typewriter, serial, 7);
+    EXPECT_FALSE(fs::exists(serial / typewriter.id / "stale.wav"));
+    for (const auto& file : filesUnder(serial / typewriter.id)) {
+        ASSERT_EQ(bytesOf(serial / typewriter.id / file), bytesOf(*folder / typewriter.id / file)) << file;
+    }
+    fs::remove_all(serial);
+}
+
+TEST_F(StarterPacks, LevelTheLoudestAlphaMediumTakeToTheReferencePeak) {
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        float loudest = 0;
+        std::size_t references = 0;
+        for (const auto& take : takesOf(profile)) {
+            EXPECT_EQ(take.isReference, take.group == KeyGroup::alpha && take.tier == Tier::medium) << take.name;
+            if (!take.isReference) continue;
+            loudest = std::max(loudest, peakOf(take));
+            ++references;
+        }
+        EXPECT_EQ(references, PackGenerator::alphaVariants);
+        EXPECT_EQ(loudest, 0.316f) << profile.id;
+    }
+    // The gain is common: levelled takes keep the synthesizer's proportions.
+    const SynthProfile& dome = SynthProfile::dome();
+    const auto raw = KeySynth::render(KeyGroup::space, Tier::slam, 1, dome);
+    const auto& levelled = takesOf(dome);
+    const auto slam = std::find_if(levelled.begin(), levelled.end(),
+                                   [](const auto& take) { return take.name == "space-slam-2.wav"; });
+    ASSERT_NE(slam, levelled.end());
+    ASSERT_EQ(slam->left.size(), raw.left.size());
+    const double gain = double(slam->left[100]) / raw.left[100];
+    for (std::size_t i = 0; i < raw.left.size(); i += 97) {
+        ASSERT_NEAR(slam->left[i], raw.left[i] * gain, 1e-6) << i;
+    }
+}
+
+TEST_F(StarterPacks, ListEveryWrittenFileOnceInTheirManifests) {
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        const fs::path pack = *folder / profile.id;
+        std::ifstream in(pack / "pack.json");
+        const nlohmann::json json = nlohmann::json::parse(in);
+        EXPECT_EQ(json.at("formatVersion"), 1);
+        EXPECT_EQ(json.at("id"), profile.id);
+        EXPECT_EQ(json.at("name"), profile.name);
+        EXPECT_EQ(json.at("kind"), profile.kind);
+        EXPECT_EQ(json.at("summary"), profile.summary);
+        EXPECT_EQ(json.at("author"), "Tobrin");
+        EXPECT_EQ(json.at("license"), "Proprietary. Bundled with Tobrin.");
+
+        std::multiset<std::string> listed;
+        for (const auto& [group, entry] : json.at("groups").items()) {
+            const std::size_t variants = group == "alpha" ? 4 : 2;
+            ASSERT_EQ(entry.at("down").size(), 4u) << group;
+            for (const auto& [tier, paths] : entry.at("down").items()) {
+                ASSERT_EQ(paths.size(), variants) << group << " " << tier;
+                for (std::size_t v = 0; v < variants; ++v) {
+                    EXPECT_EQ(paths[v], group + "-" + tier + "-" + std::to_string(v + 1) + ".wav");
+                    listed.insert(paths[v].get<std::string>());
+                }
+            }
+            ASSERT_EQ(entry.at("up").size(), variants) << group;
+            for (const auto& path : entry.at("up")) listed.insert(path.get<std::string>());
+        }
+        EXPECT_EQ(json.at("groups").size(), 5u);
+
+        std::multiset<std::string> written;
+        for (const auto& file : filesUnder(pack)) {
+            if (file != "pack.json") written.insert(file);
+        }
+        EXPECT_EQ(written.size(), 60u) << profile.id;
+        EXPECT_EQ(listed, written) << profile.id;
+    }
+}
+
+TEST_F(StarterPacks, ReadBackThroughIndependentReadersAs16BitStereoOfTheWrittenLength) {
+    std::vector<fs::path> files;
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        for (const auto& take : takesOf(profile)) files.push_back(*folder / profile.id / take.name);
+    }
+    const auto sox = testing::soxInfo(files);
+    std::size_t index = 0;
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        for (const auto& take : takesOf(profile)) {
+            const fs::path& file = files[index++];
+            const auto contents = testing::readWithSndfile(file);
+            ASSERT_TRUE(contents) << file;
+            EXPECT_EQ(contents->format, SF_FORMAT_WAV | SF_FORMAT_PCM_16) << file;
+            EXPECT_EQ(contents->channels, 2) << file;
+            EXPECT_EQ(contents->sampleRate, 48000) << file;
+            ASSERT_EQ(contents->frames, std::int64_t(take.left.size())) << file;
+            // The written samples are the levelled take, up to dither and
+            // truncation (and the clamp at full scale).
+            for (std::size_t i = 0; i < take.left.size(); ++i) {
+                const float left = std::clamp(take.left[i], -1.0f, 1.0f);
+                const float right = std::clamp(take.right[i], -1.0f, 1.0f);
+                ASSERT_NEAR(contents->floats[2 * i], left, 3.0 / 32768.0) << file << " frame " << i;
+                ASSERT_NEAR(contents->floats[2 * i + 1], right, 3.0 / 32768.0) << file << " frame " << i;
+            }
+
+            ASSERT_TRUE(sox.contains(file.string())) << file;
+            const testing::SoxInfo& info = sox.at(file.string());
+            EXPECT_EQ(info.channels, 2) << file;
+            EXPECT_EQ(info.sampleRate, 48000) << file;
+            EXPECT_EQ(info.precisionBits, 16) << file;
+            EXPECT_EQ(info.encoding, "16-bit Signed Integer PCM") << file;
+            EXPECT_EQ(info.samples, std::int64_t(take.left.size())) << file;
+        }
+    }
+}
+
+// The takes behave like keys, measured rather than listened to.
+TEST_F(StarterPacks, StrikeHarderForLouderAndReleaseSofterThanAPress) {
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        std::map<std::string, double> energy;
+        for (const auto& take : takesOf(profile)) energy[take.name] = energyOf(take);
+        for (KeyGroup group : allKeyGroups) {
+            const std::string g(rawValue(group));
+            const int variants = group == KeyGroup::alpha ? 4 : 2;
+            for (int v = 1; v <= variants; ++v) {
+                const auto of = [&](std::string_view tier) {
+                    return energy.at(g + "-" + std::string(tier) + "-" + std::to_string(v) + ".wav");
+                };
+                const std::string where = profile.id + " " + g + " " + std::to_string(v);
+                EXPECT_GT(of("slam"), of("hard")) << where;
+                EXPECT_GT(of("hard"), of("medium")) << where;
+                EXPECT_GT(of("medium"), of("soft")) << where;
+                EXPECT_LT(of("up"), of("medium")) << where;
+            }
+        }
+    }
+}
+
+TEST_F(StarterPacks, OnlyTheTypewriterReturnRingsPastItsDecays) {
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        double longestDecay = 0;
+        for (const auto& mode : profile.modes) longestDecay = std::max(longestDecay, mode.decay);
+        for (const auto& take : takesOf(profile)) {
+            const std::size_t ordinary =
+                std::size_t((longestDecay * KeySynth::shape(take.group).decay * 9.0 + 0.05) * 48000.0);
+            const bool bell = profile.id == "typewriter" && take.group == KeyGroup::enter && take.tier;
+            EXPECT_EQ(take.left.size() > ordinary, bell) << profile.id << " " << take.name;
+            EXPECT_LE(take.left.size(), 76800u) << profile.id << " " << take.name;
+            // Every take ends in a fade to exactly 0.
+            EXPECT_EQ(take.left.back(), 0.0f) << profile.id << " " << take.name;
+            EXPECT_EQ(take.right.back(), 0.0f) << profile.id << " " << take.name;
+        }
+    }
+}
+
+TEST_F(StarterPacks, NoTakeBelowSlamClips) {
+    // Slams are left as synthesized relative to the reference: the loudest
+    // slams of some packs reach past full scale and are clamped by the
+    // writer. Every softer take keeps at least 1 dB of headroom.
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        for (const auto& take : takesOf(profile)) {
+            if (take.tier == Tier::slam) continue;
+            EXPECT_LT(peakOf(take), 0.89f) << profile.id << " " << take.name;
+        }
+    }
+}
+
+TEST(PackGenerator, ThrowsTheFileSystemErrorWhenThePackFolderCannotBeMade) {
+    const fs::path blocker = fs::path(TOBRIN_TEST_BINARY_DIR) / "not-a-folder";
+    fs::remove_all(blocker);
+    std::ofstream(blocker) << "a file";
+    EXPECT_THROW(PackGenerator::generate(SynthProfile::cream(), blocker, 1), fs::filesystem_error);
+    EXPECT_TRUE(fs::is_regular_file(blocker));
+    fs::remove(blocker);
+}
+
+} // namespace
+} // namespace tobrin

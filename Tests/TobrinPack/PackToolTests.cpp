@@ -1,0 +1,104 @@
+#include "TobrinKit/Building/Loudness.h"
+#include "TobrinKit/Building/WAVWriter.h"
+#include "TobrinKit/Engine/SplitMix64.h"
+
+#include "Support/IndependentReaders.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace tobrin {
+namespace {
+
+namespace fs = std::filesystem;
+
+testing::CommandResult tool(const std::string& arguments, const std::string& environment = "") {
+    return testing::runCommand(environment + " " + testing::quoted(TOBRIN_PACK_TOOL) + " " + arguments);
+}
+
+class PackTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = fs::path(TOBRIN_TEST_BINARY_DIR) / "pack-tool" /
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        fs::remove_all(folder);
+        fs::create_directories(folder);
+    }
+    fs::path folder;
+};
+
+TEST_F(PackTool, HelpListsEveryVerbAndAnUnknownVerbIsAUsageError) {
+    const auto help = tool("--help");
+    EXPECT_EQ(help.exitStatus, 0);
+    for (const char* text : {"Usage: tobrin-pack", "generate [DIR]", "loudness FILE..."}) {
+        EXPECT_NE(help.output.find(text), std::string::npos) << text;
+    }
+    EXPECT_EQ(tool("-h").output, help.output);
+
+    const auto unknown = tool("polish");
+    EXPECT_EQ(unknown.exitStatus, 2);
+    EXPECT_NE(unknown.output.find("unknown verb polish"), std::string::npos) << unknown.output;
+    EXPECT_EQ(tool("").exitStatus, 2);
+    EXPECT_EQ(tool("generate --threads 0 " + testing::quoted(folder)).exitStatus, 2);
+    EXPECT_EQ(tool("loudness").exitStatus, 2);
+}
+
+TEST_F(PackTool, LoudnessPrintsEachFilesLUFSFirstOnItsLine) {
+    SplitMix64 rng(5);
+    std::vector<float> noise(96000), sine(88200);
+    for (float& v : noise) v = float(0.4 * rng.signedUnit());
+    for (std::size_t i = 0; i < sine.size(); ++i)
+        sine[i] = float(0.5 * std::sin(2.0 * std::numbers::pi * 997.0 * double(i) / 44100.0));
+    WAVWriter::write(noise, std::span<const float>(noise), 48000, folder / "noise.wav");
+    WAVWriter::write(sine, std::nullopt, 44100, folder / "sine 44k.wav");
+    WAVWriter::write(std::vector<float>(1000, 0.5f), std::nullopt, 48000, folder / "short.wav");
+
+    const auto result =
+        tool("loudness " + testing::quoted(folder / "noise.wav") + " " + testing::quoted(folder / "missing.wav") + " " +
+             testing::quoted(folder / "sine 44k.wav") + " " + testing::quoted(folder / "short.wav"));
+    EXPECT_EQ(result.exitStatus, 1); // one file could not be read; the others are still measured
+    std::istringstream lines(result.output);
+    std::vector<std::string> measured;
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.rfind("tobrin-pack: ", 0) != 0) measured.push_back(line);
+    }
+    ASSERT_EQ(measured.size(), 3u) << result.output;
+
+    // The file's own samples, read back independently, measure the same.
+    const auto noiseBack = testing::readWithSndfile(folder / "noise.wav");
+    ASSERT_TRUE(noiseBack);
+    std::vector<float> left(96000), right(96000);
+    for (std::size_t i = 0; i < 96000; ++i) {
+        left[i] = noiseBack->floats[2 * i];
+        right[i] = noiseBack->floats[2 * i + 1];
+    }
+    const double expected = Loudness::integrated(left, std::span<const float>(right), 48000);
+    EXPECT_NEAR(std::stod(measured[0]), expected, 0.01) << measured[0];
+    EXPECT_NE(measured[0].find("noise.wav"), std::string::npos);
+
+    // 44.1 kHz is converted first: a half-scale 997 Hz sine in one channel
+    // reads 6.02 dB below the −3.01 LUFS of full scale.
+    EXPECT_NEAR(std::stod(measured[1]), -3.01 - 6.02, 0.1) << measured[1];
+    EXPECT_EQ(measured[2].rfind("-inf LUFS", 0), 0u) << measured[2];
+    EXPECT_NE(result.output.find("missing.wav"), std::string::npos);
+}
+
+TEST_F(PackTool, GenerateWritesTheFiveStarterPacksIntoTheUsersPacksFolder) {
+    const auto result = tool("generate", "XDG_DATA_HOME=" + testing::quoted(folder));
+    ASSERT_EQ(result.exitStatus, 0) << result.output;
+    const fs::path packs = folder / "Tobrin" / "Packs";
+    for (const char* id : {"cream", "blue-click", "panda", "dome", "typewriter"}) {
+        EXPECT_TRUE(fs::is_regular_file(packs / id / "pack.json")) << id;
+        EXPECT_TRUE(fs::is_regular_file(packs / id / "enter-slam-2.wav")) << id;
+        EXPECT_NE(result.output.find((packs / id).string()), std::string::npos) << result.output;
+    }
+}
+
+} // namespace
+} // namespace tobrin
