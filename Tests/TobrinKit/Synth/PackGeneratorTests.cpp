@@ -1,3 +1,5 @@
+#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/PackInfo.h"
 #include "TobrinKit/Synth/KeySynth.h"
 #include "TobrinKit/Synth/PackGenerator.h"
 
@@ -15,6 +17,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 namespace tobrin {
 namespace {
@@ -50,32 +54,47 @@ float peakOf(const PackGenerator::Take& take) {
     return peak;
 }
 
-// The five starter packs, rendered once and written once for the whole suite.
+// The five starter packs, rendered once per test process and written on
+// first use. CTest runs every case in a process of its own, several at once,
+// so each process writes into a folder of its own.
 class StarterPacks : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        folder = new fs::path(fs::path(TOBRIN_TEST_BINARY_DIR) / "starter-packs");
-        fs::remove_all(*folder);
         takes = new std::map<std::string, std::vector<PackGenerator::Take>>;
         for (const SynthProfile& profile : SynthProfile::starterPacks()) {
-            auto& rendered = (*takes)[profile.id] = PackGenerator::renderTakes(profile, 2);
-            PackGenerator::write(profile, rendered, *folder);
+            (*takes)[profile.id] = PackGenerator::renderTakes(profile, 2);
         }
     }
     static void TearDownTestSuite() {
+        // Kept after a failure, to be compared, listened to or plotted.
+        if (written && ::testing::UnitTest::GetInstance()->failed_test_count() == 0) fs::remove_all(*written);
+        delete written;
+        written = nullptr;
         delete takes;
-        delete folder;
+        takes = nullptr;
     }
 
     static const std::vector<PackGenerator::Take>& takesOf(const SynthProfile& profile) {
         return takes->at(profile.id);
     }
 
-    static fs::path* folder;
+    // The folder holding the five packs, written by PackGenerator::write.
+    static const fs::path& packs() {
+        if (!written) {
+            written = new fs::path(fs::path(TOBRIN_TEST_BINARY_DIR) / ("starter-packs-" + std::to_string(::getpid())));
+            fs::remove_all(*written);
+            for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+                PackGenerator::write(profile, takesOf(profile), *written);
+            }
+        }
+        return *written;
+    }
+
+    static fs::path* written;
     static std::map<std::string, std::vector<PackGenerator::Take>>* takes;
 };
 
-fs::path* StarterPacks::folder = nullptr;
+fs::path* StarterPacks::written = nullptr;
 std::map<std::string, std::vector<PackGenerator::Take>>* StarterPacks::takes = nullptr;
 
 TEST_F(StarterPacks, MatchTheRecordedDigestOfEveryFile) {
@@ -89,13 +108,13 @@ TEST_F(StarterPacks, MatchTheRecordedDigestOfEveryFile) {
         expected[line.substr(66)] = line.substr(0, 64);
     }
 
-    const std::vector<std::string> files = filesUnder(*folder);
+    const std::vector<std::string> files = filesUnder(packs());
     std::vector<std::string> expectedFiles;
     for (const auto& [file, digest] : expected) expectedFiles.push_back(file);
     ASSERT_EQ(files, expectedFiles) << "the generated files differ from the recorded list";
 
     // Digests by coreutils' sha256sum, an independent implementation.
-    std::string command = "cd " + testing::quoted(*folder) + " && sha256sum";
+    std::string command = "cd " + testing::quoted(packs()) + " && sha256sum";
     for (const auto& file : files) command += " " + testing::quoted(file);
     const testing::CommandResult result = testing::runCommand(command);
     ASSERT_TRUE(result.succeeded) << result.output;
@@ -104,19 +123,19 @@ TEST_F(StarterPacks, MatchTheRecordedDigestOfEveryFile) {
     while (std::getline(lines, line)) {
         const std::string file = line.substr(66);
         EXPECT_EQ(line.substr(0, 64), expected[file])
-            << file << " changed; the generated packs are in " << folder->string();
+            << file << " changed; the generated packs are in " << packs().string();
         ++checked;
     }
     EXPECT_EQ(checked, expected.size());
 }
 
 TEST_F(StarterPacks, AreTheSameBytesWhateverTheThreadCountAndWhenGeneratedAgain) {
-    const fs::path serial = fs::path(TOBRIN_TEST_BINARY_DIR) / "starter-packs-one-thread";
+    const fs::path serial = packs().string() + "-one-thread";
     fs::remove_all(serial);
     for (const SynthProfile& profile : SynthProfile::starterPacks()) PackGenerator::generate(profile, serial, 1);
-    const std::vector<std::string> files = filesUnder(*folder);
+    const std::vector<std::string> files = filesUnder(packs());
     ASSERT_EQ(filesUnder(serial), files);
-    for (const auto& file : files) ASSERT_EQ(bytesOf(serial / file), bytesOf(*folder / file)) << file;
+    for (const auto& file : files) ASSERT_EQ(bytesOf(serial / file), bytesOf(packs() / file)) << file;
 
     // Again, over a folder holding a stale take, with more workers than cores.
     const SynthProfile& typewriter = SynthProfile::typewriter();
@@ -124,7 +143,7 @@ TEST_F(StarterPacks, AreTheSameBytesWhateverTheThreadCountAndWhenGeneratedAgain)
     PackGenerator::generate(typewriter, serial, 7);
     EXPECT_FALSE(fs::exists(serial / typewriter.id / "stale.wav"));
     for (const auto& file : filesUnder(serial / typewriter.id)) {
-        ASSERT_EQ(bytesOf(serial / typewriter.id / file), bytesOf(*folder / typewriter.id / file)) << file;
+        ASSERT_EQ(bytesOf(serial / typewriter.id / file), bytesOf(packs() / typewriter.id / file)) << file;
     }
     fs::remove_all(serial);
 }
@@ -158,7 +177,7 @@ TEST_F(StarterPacks, LevelTheLoudestAlphaMediumTakeToTheReferencePeak) {
 
 TEST_F(StarterPacks, ListEveryWrittenFileOnceInTheirManifests) {
     for (const SynthProfile& profile : SynthProfile::starterPacks()) {
-        const fs::path pack = *folder / profile.id;
+        const fs::path pack = packs() / profile.id;
         std::ifstream in(pack / "pack.json");
         const nlohmann::json json = nlohmann::json::parse(in);
         EXPECT_EQ(json.at("formatVersion"), 1);
@@ -185,19 +204,19 @@ TEST_F(StarterPacks, ListEveryWrittenFileOnceInTheirManifests) {
         }
         EXPECT_EQ(json.at("groups").size(), 5u);
 
-        std::multiset<std::string> written;
+        std::multiset<std::string> onDisk;
         for (const auto& file : filesUnder(pack)) {
-            if (file != "pack.json") written.insert(file);
+            if (file != "pack.json") onDisk.insert(file);
         }
-        EXPECT_EQ(written.size(), 60u) << profile.id;
-        EXPECT_EQ(listed, written) << profile.id;
+        EXPECT_EQ(onDisk.size(), 60u) << profile.id;
+        EXPECT_EQ(listed, onDisk) << profile.id;
     }
 }
 
 TEST_F(StarterPacks, ReadBackThroughIndependentReadersAs16BitStereoOfTheWrittenLength) {
     std::vector<fs::path> files;
     for (const SynthProfile& profile : SynthProfile::starterPacks()) {
-        for (const auto& take : takesOf(profile)) files.push_back(*folder / profile.id / take.name);
+        for (const auto& take : takesOf(profile)) files.push_back(packs() / profile.id / take.name);
     }
     const auto sox = testing::soxInfo(files);
     std::size_t index = 0;
@@ -278,6 +297,45 @@ TEST_F(StarterPacks, NoTakeBelowSlamClips) {
             if (take.tier == Tier::slam) continue;
             EXPECT_LT(peakOf(take), 0.89f) << profile.id << " " << take.name;
         }
+    }
+}
+
+TEST_F(StarterPacks, LoadWithoutAGapToFillInAnyGroup) {
+    for (const SynthProfile& profile : SynthProfile::starterPacks()) {
+        const PackInfo info = PackInfo::read(packs() / profile.id, true);
+        EXPECT_EQ(info.id, profile.id);
+        const auto pack = LoadedPack::load(info, 48000);
+        EXPECT_EQ(pack->sampleCount(), 60u) << profile.id;
+        EXPECT_TRUE(pack->hasReleaseSounds());
+
+        // Map each loaded sample back to its take by its frame data.
+        std::map<const float*, std::string> names;
+        const auto& rendered = takesOf(profile);
+        for (KeyGroup group : allKeyGroups) {
+            const std::size_t variants = group == KeyGroup::alpha ? 4 : 2;
+            EXPECT_EQ(pack->variantCount(group), variants);
+            for (std::size_t v = 0; v < variants; ++v) {
+                const auto layers = pack->layers(group, v);
+                for (Tier tier : allTiers) {
+                    const std::size_t t = std::size_t(rawValue(tier));
+                    // Gain 1: every tier of every group is its own, not a stand-in.
+                    EXPECT_EQ(layers.gains[t], 1.0f) << profile.id << " " << rawValue(group);
+                    const std::string expected = std::string(rawValue(group)) + "-" + std::string(name(tier)) + "-" +
+                                                 std::to_string(v + 1) + ".wav";
+                    const auto take = std::find_if(rendered.begin(), rendered.end(),
+                                                   [&](const auto& candidate) { return candidate.name == expected; });
+                    ASSERT_NE(take, rendered.end());
+                    EXPECT_EQ(layers.samples[t].frames, take->left.size()) << expected;
+                    EXPECT_TRUE(names.emplace(layers.samples[t].left, expected).second)
+                        << expected << " shares its sound with " << names[layers.samples[t].left];
+                }
+                const auto release = pack->release(group, v);
+                ASSERT_TRUE(release) << profile.id << " " << rawValue(group);
+                EXPECT_EQ(release->gain, 1.0f);
+                EXPECT_TRUE(names.emplace(release->sample.left, "release").second) << rawValue(group);
+            }
+        }
+        EXPECT_EQ(names.size(), 60u);
     }
 }
 
