@@ -79,8 +79,8 @@ inline void writeSound(const std::filesystem::path& path, const std::vector<std:
 inline std::vector<float> sine(std::size_t frames, double frequency, double sampleRate, double amplitude) {
     std::vector<float> samples(frames);
     for (std::size_t i = 0; i < frames; ++i) {
-        samples[i] = static_cast<float>(amplitude *
-                                        std::sin(2 * std::numbers::pi * frequency * static_cast<double>(i) / sampleRate));
+        samples[i] = static_cast<float>(
+            amplitude * std::sin(2 * std::numbers::pi * frequency * static_cast<double>(i) / sampleRate));
     }
     return samples;
 }

@@ -96,8 +96,8 @@ std::string resample(Decoded& decoded, double fromRate, double toRate, std::size
     const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_VHQ, 0);
     const soxr_runtime_spec_t runtime = soxr_runtime_spec(1);
     std::size_t outFrames = 0;
-    soxr_error_t error = soxr_oneshot(fromRate, toRate, channels, in, inFrames, nullptr, out, capacity,
-                                      &outFrames, &io, &quality, &runtime);
+    soxr_error_t error = soxr_oneshot(fromRate, toRate, channels, in, inFrames, nullptr, out, capacity, &outFrames, &io,
+                                      &quality, &runtime);
     if (error) return error;
     if (outFrames > frameLimit) {
         tooLong = true;
@@ -112,8 +112,7 @@ std::string resample(Decoded& decoded, double fromRate, double toRate, std::size
 
 } // namespace
 
-SampleBuffer::SampleBuffer(std::span<const float> left, std::optional<std::span<const float>> right,
-                           double sampleRate)
+SampleBuffer::SampleBuffer(std::span<const float> left, std::optional<std::span<const float>> right, double sampleRate)
     : SampleBuffer(std::vector<float>(left.begin(), left.end()),
                    right ? std::vector<float>(right->begin(), right->end()) : std::vector<float>{}, !right,
                    sampleRate) {}

@@ -13,8 +13,12 @@ PackInfo PackInfo::read(const std::filesystem::path& directory, bool isBundled) 
     } catch (const PackManifest::DecodeError& error) {
         throw PackError::invalidManifest(directory / PackManifest::fileName, error.what());
     }
-    return PackInfo{std::move(manifest.id), std::move(manifest.name), std::move(manifest.kind),
-                    std::move(manifest.summary), directory, isBundled};
+    return PackInfo{std::move(manifest.id),
+                    std::move(manifest.name),
+                    std::move(manifest.kind),
+                    std::move(manifest.summary),
+                    directory,
+                    isBundled};
 }
 
 } // namespace tobrin

@@ -69,7 +69,8 @@ std::int64_t integer(const json& value, const std::string& where) {
     if (value.is_number_float()) {
         const double number = value.get<double>();
         if (std::trunc(number) == number) {
-            if (number < -9.2233720368547758e18 || number >= 9.2233720368547758e18) fail("\"" + where + "\" is out of range");
+            if (number < -9.2233720368547758e18 || number >= 9.2233720368547758e18)
+                fail("\"" + where + "\" is out of range");
             return static_cast<std::int64_t>(number);
         }
     }

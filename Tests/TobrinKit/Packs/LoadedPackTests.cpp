@@ -18,16 +18,15 @@ using Paths = std::vector<std::string>;
 // decoded take tells by its first sample which file it came from.
 class PackFolder {
 public:
-    explicit PackFolder(const std::filesystem::path& directory, std::string id = "test-pack")
-        : directory_(directory) {
+    explicit PackFolder(const std::filesystem::path& directory, std::string id = "test-pack") : directory_(directory) {
         manifest_.id = std::move(id);
         manifest_.name = "Test Pack";
         manifest_.kind = "test";
     }
 
     void sound(const std::string& path, float value, std::size_t frames = 480, int channels = 2, int rate = 48000) {
-        test::writeSound(directory_ / path, std::vector<std::vector<float>>(channels, std::vector<float>(frames, value)),
-                         rate);
+        test::writeSound(directory_ / path,
+                         std::vector<std::vector<float>>(channels, std::vector<float>(frames, value)), rate);
     }
     void down(const std::string& group, const std::string& tier, Paths paths) {
         manifest_.groups[group].down[tier] = std::move(paths);
@@ -94,13 +93,8 @@ TEST(LoadedPack, MissingTiersTakeTheNearestWithTheLowerOneOnTies) {
         std::array<int, 4> chosen;
     };
     const Case cases[] = {
-        {{1}, {1, 1, 1, 1}},
-        {{0, 2}, {0, 0, 2, 2}},
-        {{3}, {3, 3, 3, 3}},
-        {{0, 3}, {0, 0, 3, 3}},
-        {{1, 2}, {1, 1, 2, 2}},
-        {{0, 1, 2, 3}, {0, 1, 2, 3}},
-        {{2}, {2, 2, 2, 2}},
+        {{1}, {1, 1, 1, 1}},    {{0, 2}, {0, 0, 2, 2}},       {{3}, {3, 3, 3, 3}}, {{0, 3}, {0, 0, 3, 3}},
+        {{1, 2}, {1, 1, 2, 2}}, {{0, 1, 2, 3}, {0, 1, 2, 3}}, {{2}, {2, 2, 2, 2}},
     };
     const char* tierNames[] = {"soft", "medium", "hard", "slam"};
     int caseNumber = 0;
@@ -117,7 +111,8 @@ TEST(LoadedPack, MissingTiersTakeTheNearestWithTheLowerOneOnTies) {
         for (int wanted = 0; wanted < 4; ++wanted) {
             SCOPED_TRACE(testing::Message() << "case " << caseNumber - 1 << ", wanted " << tierNames[wanted]);
             const int chosen = test.chosen[static_cast<std::size_t>(wanted)];
-            EXPECT_EQ(firstSample(layers.samples[static_cast<std::size_t>(wanted)]), static_cast<float>(chosen + 1) / 8);
+            EXPECT_EQ(firstSample(layers.samples[static_cast<std::size_t>(wanted)]),
+                      static_cast<float>(chosen + 1) / 8);
             EXPECT_FLOAT_EQ(layers.gains[static_cast<std::size_t>(wanted)],
                             static_cast<float>(std::pow(1.6, wanted - chosen)));
         }
@@ -262,8 +257,8 @@ TEST(LoadedPack, RejectsPathsThatLeaveThePackFolder) {
     std::filesystem::create_symlink(scratch.path(), scratch / "MyPack" / "up");
     std::filesystem::create_symlink("../../outside.wav", scratch / "MyPack" / "a" / "relative.wav");
 
-    const Paths escaping = {"a/../b.wav",     "/tmp/x.wav",     "..b.wav",        (scratch / "outside.wav").string(),
-                            "link.wav",       "up/outside.wav", "a/relative.wav", "up/nothing-here.wav"};
+    const Paths escaping = {"a/../b.wav", "/tmp/x.wav",     "..b.wav",        (scratch / "outside.wav").string(),
+                            "link.wav",   "up/outside.wav", "a/relative.wav", "up/nothing-here.wav"};
     for (const std::string& path : escaping) {
         PackFolder pack(scratch / "MyPack");
         pack.sound("b.wav", 0.5f);

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "TobrinKit/Packs/PackInfo.h"
+
+#include <filesystem>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace tobrin {
+
+// Finds the sound packs on the machine: the built-in packs and the user's own
+// packs folder. Only manifests are read here; audio is decoded when a pack is
+// loaded (LoadedPack). No state: every call looks at the disk afresh, from
+// any thread, and reads the environment (TOBRIN_PACKS, XDG_DATA_HOME, HOME).
+class PackLibrary {
+public:
+    PackLibrary() = delete;
+
+    // $XDG_DATA_HOME/Tobrin/Packs, with ~/.local/share when XDG_DATA_HOME is
+    // unset or not absolute. The folder need not exist.
+    static std::filesystem::path userPacksDirectory();
+
+    // The folder of the built-in packs, the first of: $TOBRIN_PACKS (not
+    // checked for existence); the installed resource folder
+    // <prefix>/share/tobrin/Packs next to the running executable's
+    // <prefix>/bin; the folder a build tree generates them into. Nothing
+    // when none of them applies.
+    static std::optional<std::filesystem::path> bundledPacksDirectory();
+
+    // The resource folder of an installation whose executable is `executable`,
+    // when it exists.
+    static std::optional<std::filesystem::path> installedPacksDirectory(const std::filesystem::path& executable);
+
+    // Every pack of both folders, merged by id (a user pack replaces a
+    // built-in one) and sorted: built-in packs first, then by name in
+    // natural order. Never fails: unreadable folders and broken manifests
+    // are left out.
+    static std::vector<PackInfo> discover();
+
+    // The packs directly inside one folder (not hidden, with a readable
+    // pack.json), in the order of their folder names.
+    static std::vector<PackInfo> discover(const std::filesystem::path& folder, bool bundled);
+
+    // The order people expect of names in a list: case-insensitive, runs of
+    // digits compared by value ("Pack 2" before "Pack 10"). Negative, zero
+    // or positive as `a` sorts before, with or after `b`; zero only for
+    // identical texts.
+    static int compareNames(std::string_view a, std::string_view b);
+};
+
+} // namespace tobrin

@@ -1,0 +1,172 @@
+#include "TobrinKit/Packs/PackLibrary.h"
+#include "TobrinKit/Packs/PackManifest.h"
+
+#include "Support/SoundFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+
+namespace tobrin {
+namespace {
+
+using test::ScratchFolder;
+
+// Sets environment variables for one test and puts the old values back.
+class Environment {
+public:
+    void set(const char* name, const std::optional<std::string>& value) {
+        if (!saved_.contains(name)) {
+            const char* old = std::getenv(name);
+            saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+        }
+        if (value) {
+            ::setenv(name, value->c_str(), 1);
+        } else {
+            ::unsetenv(name);
+        }
+    }
+    ~Environment() {
+        for (const auto& [name, value] : saved_) {
+            if (value) {
+                ::setenv(name.c_str(), value->c_str(), 1);
+            } else {
+                ::unsetenv(name.c_str());
+            }
+        }
+    }
+
+private:
+    std::map<std::string, std::optional<std::string>> saved_;
+};
+
+void writePack(const std::filesystem::path& folder, const std::string& id, const std::string& name) {
+    PackManifest manifest;
+    manifest.id = id;
+    manifest.name = name;
+    manifest.kind = "synthesized";
+    manifest.summary = "about " + name;
+    std::filesystem::create_directories(folder);
+    manifest.write(folder / "pack.json");
+}
+
+std::vector<std::string> names(const std::vector<PackInfo>& packs) {
+    std::vector<std::string> result;
+    for (const PackInfo& pack : packs) result.push_back(pack.name + (pack.isBundled ? " (built-in)" : ""));
+    return result;
+}
+
+TEST(PackLibrary, NamesSortNaturallyAndCaseInsensitively) {
+    // Each name sorts strictly before the next. Letters beyond ASCII are
+    // lower-cased too, then ordered by code point, whatever the locale.
+    const std::vector<std::string> ordered = {"",     "1",      "2",      "07",      "10",      "alpha",
+                                              "Beta", "Pack",   "Pack 2", "Pack 3b", "pack 10", "Pack 10a",
+                                              "zeta", "Éclair", "éclat",  "\xff"};
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        for (std::size_t j = 0; j < ordered.size(); ++j) {
+            const int order = PackLibrary::compareNames(ordered[i], ordered[j]);
+            const int expected = i < j ? -1 : i > j ? 1 : 0;
+            EXPECT_EQ(order, expected) << '"' << ordered[i] << "\" vs \"" << ordered[j] << '"';
+        }
+    }
+    // Names equal but for case or leading zeros still get one fixed order,
+    // and any later real difference outweighs such an earlier one.
+    for (auto [a, b] : {std::pair<std::string, std::string>{"Pack", "pack"}, {"x7", "x007"}, {"ÉCLAT", "éclat"}}) {
+        EXPECT_NE(PackLibrary::compareNames(a, b), 0) << a;
+        EXPECT_EQ(PackLibrary::compareNames(a, b), -PackLibrary::compareNames(b, a)) << a;
+        EXPECT_EQ(PackLibrary::compareNames(a + "2", b + "1"), 1) << a;
+        EXPECT_EQ(PackLibrary::compareNames(a + "1", b + "2"), -1) << a;
+    }
+}
+
+TEST(PackLibrary, ListsOnlyPackFoldersDirectlyInsideTheFolder) {
+    ScratchFolder scratch;
+    writePack(scratch / "one", "one", "One");
+    writePack(scratch / "two", "two", "Two");
+    writePack(scratch / ".hidden", "hidden", "Hidden");
+    writePack(scratch / "group" / "nested", "nested", "Nested");
+    std::filesystem::create_directories(scratch / "empty");
+    test::writeText(scratch / "broken" / "pack.json", R"({"formatVersion": 1, "id": "broken"})");
+    test::writeText(scratch / "notes.txt", "a plain file");
+    writePack(scratch / "elsewhere" / "linked", "linked", "Linked");
+    std::filesystem::create_directory_symlink(scratch / "elsewhere" / "linked", scratch / "link");
+
+    const auto packs = PackLibrary::discover(scratch.path(), true);
+    ASSERT_EQ(names(packs), (std::vector<std::string>{"Linked (built-in)", "One (built-in)", "Two (built-in)"}));
+    EXPECT_EQ(packs[1], (PackInfo{"one", "One", "synthesized", "about One", scratch / "one", true}));
+    EXPECT_EQ(packs[0].directory, scratch / "link");
+    EXPECT_TRUE(PackLibrary::discover(scratch / "does-not-exist", false).empty());
+    EXPECT_TRUE(PackLibrary::discover(scratch / "notes.txt", false).empty());
+}
+
+TEST(PackLibrary, MergesByIdAndSortsBuiltInBeforeUserPacksByName) {
+    ScratchFolder scratch;
+    Environment environment;
+    environment.set("TOBRIN_PACKS", (scratch / "builtin").string());
+    environment.set("XDG_DATA_HOME", (scratch / "data").string());
+    const auto user = scratch / "data" / "Tobrin" / "Packs";
+    writePack(scratch / "builtin" / "red", "red", "Red");
+    writePack(scratch / "builtin" / "p10", "p10", "Pack 10");
+    writePack(scratch / "builtin" / "p2", "p2", "Pack 2");
+    writePack(scratch / "builtin" / "blue", "blue", "blue");
+    writePack(user / "mine", "red", "My Red");
+    writePack(user / "b", "beta", "Beta");
+    writePack(user / "a", "alpha", "alpha");
+    // Two user folders with one id: the later-listed one stays.
+    writePack(user / "z-copy", "alpha", "alpha copy");
+
+    EXPECT_EQ(names(PackLibrary::discover()),
+              (std::vector<std::string>{"blue (built-in)", "Pack 2 (built-in)", "Pack 10 (built-in)", "alpha copy",
+                                        "Beta", "My Red"}));
+    const auto packs = PackLibrary::discover();
+    EXPECT_EQ(packs.back().directory, user / "mine");
+}
+
+TEST(PackLibrary, AMissingBuiltInFolderStillListsUserPacks) {
+    ScratchFolder scratch;
+    Environment environment;
+    environment.set("TOBRIN_PACKS", (scratch / "nowhere").string());
+    environment.set("XDG_DATA_HOME", (scratch / "data").string());
+    writePack(scratch / "data" / "Tobrin" / "Packs" / "mine", "mine", "Mine");
+    EXPECT_EQ(PackLibrary::bundledPacksDirectory(), scratch / "nowhere");
+    EXPECT_EQ(names(PackLibrary::discover()), std::vector<std::string>{"Mine"});
+}
+
+TEST(PackLibrary, UserFolderFollowsTheXdgDataHome) {
+    Environment environment;
+    environment.set("HOME", "/home/ada");
+    environment.set("XDG_DATA_HOME", "/data/ada");
+    EXPECT_EQ(PackLibrary::userPacksDirectory(), std::filesystem::path("/data/ada/Tobrin/Packs"));
+    environment.set("XDG_DATA_HOME", std::nullopt);
+    EXPECT_EQ(PackLibrary::userPacksDirectory(), std::filesystem::path("/home/ada/.local/share/Tobrin/Packs"));
+    environment.set("XDG_DATA_HOME", "relative/data");
+    EXPECT_EQ(PackLibrary::userPacksDirectory(), std::filesystem::path("/home/ada/.local/share/Tobrin/Packs"));
+    environment.set("XDG_DATA_HOME", "");
+    EXPECT_EQ(PackLibrary::userPacksDirectory(), std::filesystem::path("/home/ada/.local/share/Tobrin/Packs"));
+}
+
+TEST(PackLibrary, FindsBuiltInPacksInstalledBesideTheExecutable) {
+    ScratchFolder scratch;
+    std::filesystem::create_directories(scratch / "prefix" / "bin");
+    EXPECT_FALSE(PackLibrary::installedPacksDirectory(scratch / "prefix" / "bin" / "tobrin"));
+    std::filesystem::create_directories(scratch / "prefix" / "share" / "tobrin" / "Packs");
+    EXPECT_EQ(PackLibrary::installedPacksDirectory(scratch / "prefix" / "bin" / "tobrin"),
+              scratch / "prefix" / "share" / "tobrin" / "Packs");
+
+    // Without TOBRIN_PACKS this test program, which is not installed, finds
+    // the build tree's generated packs when the build made them.
+    Environment environment;
+    environment.set("TOBRIN_PACKS", std::nullopt);
+    const std::filesystem::path built = TOBRIN_TEST_BUILD_PACKS_DIR;
+    if (std::filesystem::is_directory(built)) {
+        EXPECT_EQ(PackLibrary::bundledPacksDirectory(), built);
+    } else {
+        EXPECT_EQ(PackLibrary::bundledPacksDirectory(), std::nullopt);
+    }
+    environment.set("TOBRIN_PACKS", "");
+    EXPECT_NE(PackLibrary::bundledPacksDirectory(), std::filesystem::path(""));
+}
+
+} // namespace
+} // namespace tobrin
