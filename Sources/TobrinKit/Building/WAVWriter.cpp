@@ -55,8 +55,12 @@ float dither(SplitMix64& rng) {
 // leftover for a take.
 std::filesystem::path temporaryPath(const std::filesystem::path& file) {
     static std::atomic<std::uint64_t> counter{0};
-    const std::string name = "." + file.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" +
-                             std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
+    std::string name = ".";
+    name += file.filename().string();
+    name += ".tmp-";
+    name += std::to_string(::getpid());
+    name += '-';
+    name += std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
     return file.parent_path() / name;
 }
 
