@@ -1,32 +1,18 @@
 // tobrin-pack generate [DIR] [--threads N]
 #include "Verbs.h"
 
+#include "TobrinKit/Packs/PackLibrary.h"
 #include "TobrinKit/Synth/PackGenerator.h"
 #include "TobrinKit/Synth/SynthProfile.h"
 
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <optional>
 #include <string>
 
 namespace tobrin::pack {
-
-namespace {
-
-// $XDG_DATA_HOME/Tobrin/Packs, with ~/.local/share standing in for an unset
-// or relative XDG_DATA_HOME.
-std::optional<std::filesystem::path> userPacksFolder() {
-    const char* data = std::getenv("XDG_DATA_HOME");
-    if (data && data[0] == '/') return std::filesystem::path(data) / "Tobrin" / "Packs";
-    const char* home = std::getenv("HOME");
-    if (!home || home[0] == '\0') return std::nullopt;
-    return std::filesystem::path(home) / ".local" / "share" / "Tobrin" / "Packs";
-}
-
-} // namespace
 
 int runGenerate(std::span<const std::string_view> arguments) {
     std::optional<std::filesystem::path> folder;
@@ -50,11 +36,7 @@ int runGenerate(std::span<const std::string_view> arguments) {
             return exitUsage;
         }
     }
-    if (!folder) folder = userPacksFolder();
-    if (!folder) {
-        printError("no folder given and neither XDG_DATA_HOME nor HOME is set");
-        return exitUsage;
-    }
+    if (!folder) folder = PackLibrary::userPacksDirectory();
 
     for (const SynthProfile& profile : SynthProfile::starterPacks()) {
         try {

@@ -1,11 +1,13 @@
 #include "TobrinKit/Building/Loudness.h"
 #include "TobrinKit/Building/WAVWriter.h"
 #include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Packs/PackLibrary.h"
 
 #include "Support/IndependentReaders.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <sstream>
@@ -98,6 +100,12 @@ TEST_F(PackTool, GenerateWritesTheFiveStarterPacksIntoTheUsersPacksFolder) {
         EXPECT_TRUE(fs::is_regular_file(packs / id / "enter-slam-2.wav")) << id;
         EXPECT_NE(result.output.find((packs / id).string()), std::string::npos) << result.output;
     }
+    // The pack library lists them as the user's packs, by name.
+    std::vector<std::string> names;
+    for (const PackInfo& pack : PackLibrary::discover(packs, false)) names.push_back(pack.name);
+    std::sort(names.begin(), names.end(),
+              [](const auto& a, const auto& b) { return PackLibrary::compareNames(a, b) < 0; });
+    EXPECT_EQ(names, (std::vector<std::string>{"Blue Click", "Cream", "Dome", "Panda", "Typewriter"}));
 }
 
 } // namespace
