@@ -135,6 +135,25 @@ TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
     EXPECT_FALSE(buffer.isMono());
 }
 
+TEST(SampleBufferLoad, ConversionDoesNotDependOnWhatWasConvertedBefore) {
+    ScratchFolder folder;
+    writeSound(folder / "a.wav", {sine(5000, 700, 44100, 0.5), sine(5000, 900, 44100, 0.5)}, 44100);
+    writeSound(folder / "b.wav", {sine(3000, 500, 22050, 0.5)}, 22050);
+    writeSound(folder / "c.wav", {sine(7000, 300, 44100, 0.5), sine(7000, 200, 44100, 0.5)}, 44100);
+    auto samples = [&](const char* name) {
+        SampleBuffer buffer = SampleBuffer::load(folder / name, 48000);
+        std::vector<float> both(buffer.left(), buffer.left() + buffer.frames());
+        both.insert(both.end(), buffer.right(), buffer.right() + buffer.frames());
+        return both;
+    };
+    const auto first = samples("a.wav");
+    ASSERT_FALSE(first.empty());
+    for (const char* other : {"b.wav", "c.wav", "a.wav"}) {
+        samples(other);
+        EXPECT_EQ(samples("a.wav"), first) << "after " << other;
+    }
+}
+
 TEST(SampleBufferLoad, EmptyAndTruncatedFilesGiveWhatTheyHold) {
     ScratchFolder folder;
     writeSound(folder / "empty48.wav", {{}}, 48000);
