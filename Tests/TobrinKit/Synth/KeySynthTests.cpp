@@ -191,23 +191,5 @@ TEST(KeySynthTrim, CutsTheTailBelowMinusSeventyDecibelsAndFadesToZero) {
     EXPECT_EQ(silentLeft.size(), 500u);
 }
 
-TEST(SynthProfile, StarterPacksAreTheFiveProfilesInTheirListedOrder) {
-    const auto& packs = SynthProfile::starterPacks();
-    ASSERT_EQ(packs.size(), 5u);
-    const std::vector<std::string> ids = {"cream", "blue-click", "panda", "dome", "typewriter"};
-    const std::vector<const SynthProfile*> profiles = {&SynthProfile::cream(), &SynthProfile::click(),
-                                                       &SynthProfile::panda(), &SynthProfile::dome(),
-                                                       &SynthProfile::typewriter()};
-    for (std::size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(packs[i].id, ids[i]);
-        EXPECT_EQ(packs[i], *profiles[i]);
-        EXPECT_EQ(packs[i].bellOnEnter, ids[i] == "typewriter");
-        EXPECT_EQ(packs[i].early && packs[i].early->onRelease > 0, ids[i] == "blue-click");
-        EXPECT_FALSE(packs[i].summary.empty());
-    }
-    EXPECT_EQ(&SynthProfile::starterPacks(), &packs); // one shared constant
-    EXPECT_NE(SynthProfile::cream(), SynthProfile::dome());
-}
-
 } // namespace
 } // namespace tobrin

@@ -339,6 +339,20 @@ TEST_F(StarterPacks, LoadWithoutAGapToFillInAnyGroup) {
     }
 }
 
+TEST(PackGenerator, RendersTheSameTakesOnAnyNumberOfWorkers) {
+    // Also the case the thread sanitizer runs: workers share only the
+    // take index counter and write disjoint slots.
+    const auto serial = PackGenerator::renderTakes(SynthProfile::panda(), 1);
+    const auto parallel = PackGenerator::renderTakes(SynthProfile::panda(), 4);
+    ASSERT_EQ(serial.size(), 60u);
+    ASSERT_EQ(parallel.size(), serial.size());
+    for (std::size_t i = 0; i < serial.size(); ++i) {
+        EXPECT_EQ(parallel[i].name, serial[i].name);
+        EXPECT_EQ(parallel[i].left, serial[i].left) << serial[i].name;
+        EXPECT_EQ(parallel[i].right, serial[i].right) << serial[i].name;
+    }
+}
+
 TEST(PackGenerator, ThrowsTheFileSystemErrorWhenThePackFolderCannotBeMade) {
     const fs::path blocker = fs::path(TOBRIN_TEST_BINARY_DIR) / "not-a-folder";
     fs::remove_all(blocker);
