@@ -111,7 +111,9 @@ double Loudness::integrated(std::span<const float> left, std::optional<std::span
             ++gated;
         }
     }
-    if (gated == 0) return floorValue; // cannot happen in exact arithmetic; kept as a defined floor
+    // Only reachable when a block's energy overflows to infinity, making the
+    // threshold infinite too.
+    if (gated == 0) return floorValue;
     return loudnessOf(gatedSum / double(gated));
 }
 
