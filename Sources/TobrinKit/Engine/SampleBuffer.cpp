@@ -29,8 +29,10 @@ struct SndfileCloser {
 };
 using SndfileHandle = std::unique_ptr<SNDFILE, SndfileCloser>;
 
-// Frames read per call; bounds the interleaved scratch buffer whatever the file claims.
-constexpr sf_count_t readChunkFrames = 16384;
+// Samples read per call, over all channels. A file may declare up to 1024
+// channels; scaling the frames per call down keeps the scratch buffer small
+// for them instead of allocating tens of megabytes for a tiny file.
+constexpr std::size_t readChunkSamples = 32768;
 // Capacity reserved up front is capped so that a header claiming billions of
 // frames costs nothing until the frames actually arrive.
 constexpr std::size_t maxReservedFrames = std::size_t{1} << 22;
@@ -51,10 +53,11 @@ Decoded readFrames(SNDFILE* file, const SF_INFO& info, std::size_t maxFrames, bo
     decoded.left.reserve(reserve);
     if (!decoded.mono) decoded.right.reserve(reserve);
 
-    std::vector<float> scratch(static_cast<std::size_t>(readChunkFrames) * channels);
+    const std::size_t chunkFrames = std::max<std::size_t>(1, readChunkSamples / channels);
+    std::vector<float> scratch(chunkFrames * channels);
     moreThanMax = false;
     while (true) {
-        const sf_count_t got = sf_readf_float(file, scratch.data(), readChunkFrames);
+        const sf_count_t got = sf_readf_float(file, scratch.data(), static_cast<sf_count_t>(chunkFrames));
         if (got <= 0) break;
         const auto count = static_cast<std::size_t>(got);
         std::size_t take = count;

@@ -113,6 +113,21 @@ TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
     }
 }
 
+// Found by fuzzing: a file declaring 1022 channels made every read allocate
+// 16384 frames of all of them, so a few tiny files took seconds to load.
+TEST(SampleBufferLoad, KeepsTheFirstTwoOfVeryManyChannels) {
+    ScratchFolder folder;
+    std::vector<std::vector<float>> channels(1022, std::vector<float>(100, 0.0f));
+    channels[0].assign(100, 0.25f);
+    channels[1].assign(100, -0.5f);
+    writeSound(folder / "many.wav", channels, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    SampleBuffer buffer = SampleBuffer::load(folder / "many.wav", 48000);
+    ASSERT_EQ(buffer.frames(), 100u);
+    EXPECT_EQ(buffer.left()[99], 0.25f);
+    EXPECT_EQ(buffer.right()[99], -0.5f);
+    EXPECT_EQ(buffer.peak(), 0.5f);
+}
+
 TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
     ScratchFolder folder;
     const std::size_t inFrames = 22050;
