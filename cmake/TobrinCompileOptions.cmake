@@ -2,6 +2,12 @@
 
 add_compile_options(-ffp-contract=off)
 
+if(TOBRIN_FUZZERS)
+  # Coverage feedback from all the code the fuzz targets reach; libFuzzer's
+  # own main is linked into the targets in Fuzz/ only.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 if(TOBRIN_SANITIZER STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)

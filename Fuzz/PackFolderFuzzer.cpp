@@ -1,0 +1,96 @@
+// Loads a pack folder made of arbitrary files. The input is split at each
+// "\n--8<--\n": the first part is pack.json, the following parts are the
+// files named in `fileNames`, in order. A load must either fail with one of
+// the documented errors or give a pack whose every query is usable.
+#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/PackError.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+using namespace tobrin;
+
+constexpr std::string_view separator = "\n--8<--\n";
+constexpr const char* fileNames[] = {"a.wav", "b.wav", "sub/c.wav", "d.flac", "e.ogg", "f.aiff", "g.wav", "h.wav"};
+
+const std::filesystem::path& folder() {
+    static const std::filesystem::path path = [] {
+        std::string pattern = (std::filesystem::temp_directory_path() / "tobrin-fuzz-XXXXXX").string();
+        if (!::mkdtemp(pattern.data())) std::abort();
+        return std::filesystem::path(pattern);
+    }();
+    return path;
+}
+
+void writeFile(const std::filesystem::path& path, std::string_view bytes) {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+[[noreturn]] void broken(const char* what) {
+    std::fprintf(stderr, "loaded pack broken: %s\n", what);
+    std::abort();
+}
+
+void check(const LoadedPack& pack) {
+    if (pack.sampleCount() == 0) broken("no samples");
+    if (pack.memoryBytes() > LoadedPack::memoryBudget) broken("over budget");
+    for (KeyGroup group : allKeyGroups) {
+        const std::size_t variants = pack.variantCount(group);
+        if (variants == 0) broken("a group without variants");
+        for (std::size_t variant = 0; variant <= variants; ++variant) {
+            const auto layers = pack.layers(group, variant);
+            for (std::size_t tier = 0; tier < 4; ++tier) {
+                const TBSample& sample = layers.samples[tier];
+                if (!sample.left || !sample.right) broken("null channel");
+                if (!(layers.gains[tier] > 0) || !std::isfinite(layers.gains[tier])) broken("bad gain");
+                // Touch both ends so the address sanitizer checks the blocks.
+                volatile float touch = sample.left[0] + sample.right[0];
+                if (sample.frames > 0) touch = sample.left[sample.frames - 1] + sample.right[sample.frames - 1];
+                (void)touch;
+            }
+            if (auto take = pack.release(group, variant)) {
+                if (!take->sample.left || take->gain != 1.0f) broken("bad release");
+            }
+        }
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::filesystem::path& root = folder();
+    for (const auto& entry : std::filesystem::directory_iterator(root)) std::filesystem::remove_all(entry.path());
+
+    std::string_view rest(reinterpret_cast<const char*>(data), size);
+    std::size_t part = 0;
+    while (true) {
+        const std::size_t end = rest.find(separator);
+        const std::string_view bytes = rest.substr(0, end);
+        if (part == 0) {
+            writeFile(root / "pack.json", bytes);
+        } else if (part <= std::size(fileNames)) {
+            writeFile(root / fileNames[part - 1], bytes);
+        }
+        ++part;
+        if (end == std::string_view::npos) break;
+        rest.remove_prefix(end + separator.size());
+    }
+
+    try {
+        const auto pack = LoadedPack::load(PackInfo{"fuzz", "Fuzz", "fuzz", std::nullopt, root, false}, 48000);
+        check(*pack);
+    } catch (const PackError&) {
+    } catch (const SampleBuffer::OpenError&) {
+    }
+    return 0;
+}
