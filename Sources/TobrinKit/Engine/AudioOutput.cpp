@@ -68,8 +68,7 @@ bool AudioOutput::start() {
     const auto candidates = AudioBackends::candidates(backends_, forced_);
     if (candidates.empty()) {
         logError(forced_.empty() ? "Tobrin: audio engine failed to start: no audio device"
-                                 : "Tobrin: audio engine failed to start: no audio backend named " +
-                                       forced_);
+                                 : "Tobrin: audio engine failed to start: no audio backend named " + forced_);
     }
     for (const auto& candidate : candidates) {
         auto backend = candidate.create ? candidate.create(format, callbacks) : nullptr;
@@ -124,16 +123,15 @@ std::string AudioOutput::backendName() const {
     return backendName_;
 }
 
-void AudioOutput::render(TBMixer* mixer, float* const* channels, std::uint32_t channelCount,
-                         std::uint32_t frames) {
+void AudioOutput::render(TBMixer* mixer, float* const* channels, std::uint32_t channelCount, std::uint32_t frames) {
     if (channelCount == 0 || channels == nullptr || channels[0] == nullptr) return;
     float* left = channels[0];
     float* right = channelCount >= 2 && channels[1] != nullptr ? channels[1] : left;
     tb_mixer_render(mixer, left, right, frames);
 }
 
-void AudioOutput::renderCallback(void* context, float* const* channels,
-                                 std::uint32_t channelCount, std::uint32_t frames) {
+void AudioOutput::renderCallback(void* context, float* const* channels, std::uint32_t channelCount,
+                                 std::uint32_t frames) {
     render(static_cast<AudioOutput*>(context)->mixer_, channels, channelCount, frames);
 }
 

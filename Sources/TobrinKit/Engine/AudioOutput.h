@@ -78,12 +78,10 @@ public:
     // The render callback: channels[0] is left; channels[1], when present and
     // not null, is right, otherwise the mixer renders mono into left. Nothing
     // is rendered without a left buffer.
-    static void render(TBMixer* mixer, float* const* channels, std::uint32_t channelCount,
-                       std::uint32_t frames);
+    static void render(TBMixer* mixer, float* const* channels, std::uint32_t channelCount, std::uint32_t frames);
 
 private:
-    static void renderCallback(void* context, float* const* channels, std::uint32_t channelCount,
-                               std::uint32_t frames);
+    static void renderCallback(void* context, float* const* channels, std::uint32_t channelCount, std::uint32_t frames);
     static void configurationChangedCallback(void* context);
     void watchConfiguration();
 
@@ -91,10 +89,10 @@ private:
     std::vector<AudioBackendFactory> backends_;
     std::string forced_;
 
-    mutable std::mutex lock_;      // serialises start, pause and reconnection
+    mutable std::mutex lock_; // serialises start, pause and reconnection
     std::unique_ptr<AudioBackend> backend_;
     std::string backendName_;
-    bool isRunning_ = false;       // what this object believes (under lock_)
+    bool isRunning_ = false; // what this object believes (under lock_)
 
     // Configuration changes arrive on backend threads; they are handled here
     // so that a backend is never torn down from one of its own threads.

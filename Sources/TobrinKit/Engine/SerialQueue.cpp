@@ -9,8 +9,7 @@
 
 namespace tobrin {
 
-SerialQueue::SerialQueue(std::string label)
-    : label_(std::move(label)), keepAlive_(asio::make_work_guard(context_)) {
+SerialQueue::SerialQueue(std::string label) : label_(std::move(label)), keepAlive_(asio::make_work_guard(context_)) {
     std::promise<void> started;
     auto ready = started.get_future();
     thread_ = std::thread([this, &started] {
@@ -32,9 +31,7 @@ void SerialQueue::stop() {
     if (thread_.joinable()) thread_.join();
 }
 
-void SerialQueue::async(std::function<void()> work) {
-    asio::post(context_, std::move(work));
-}
+void SerialQueue::async(std::function<void()> work) { asio::post(context_, std::move(work)); }
 
 void SerialQueue::asyncAfter(Clock::duration delay, std::function<void()> work) {
     asyncAt(Clock::now() + delay, std::move(work));

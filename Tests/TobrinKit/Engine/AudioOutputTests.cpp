@@ -153,8 +153,7 @@ TEST(AudioBackends, CandidatesFollowTheForcedNameOrReachabilityInOrder) {
     };
     for (const auto& c : cases) {
         std::vector<std::string> names;
-        for (const auto& factory : AudioBackends::candidates(available, c.forced))
-            names.push_back(factory.name);
+        for (const auto& factory : AudioBackends::candidates(available, c.forced)) names.push_back(factory.name);
         EXPECT_EQ(names, c.expected) << "forced: " << c.forced;
     }
 

@@ -53,9 +53,8 @@ TEST(SerialQueue, TimersFireInDeadlineOrderNotPostingOrder) {
     std::atomic<long long> lateForFirst{-1};
     queue.asyncAfter(30ms, [&] { order.push_back(3); });
     queue.asyncAfter(10ms, [&] {
-        lateForFirst = std::chrono::duration_cast<std::chrono::microseconds>(
-                           std::chrono::steady_clock::now() - start)
-                           .count();
+        lateForFirst =
+            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
         order.push_back(1);
     });
     queue.asyncAfter(20ms, [&] { order.push_back(2); });

@@ -51,11 +51,9 @@ public:
 // (they link a sound server's library) hand one of these to
 // AudioBackends::add() at start-up; the null device is always registered.
 struct AudioBackendFactory {
-    std::string name;                 // what TOBRIN_AUDIO names it by
+    std::string name;                  // what TOBRIN_AUDIO names it by
     std::function<bool()> isReachable; // cheap probe, e.g. the server's socket exists
-    std::function<std::unique_ptr<AudioBackend>(const AudioBackend::Format&,
-                                                const AudioBackend::Callbacks&)>
-        create;
+    std::function<std::unique_ptr<AudioBackend>(const AudioBackend::Format&, const AudioBackend::Callbacks&)> create;
 };
 
 // The process-wide list of backend kinds, in order of preference.
@@ -71,8 +69,7 @@ std::vector<AudioBackendFactory> registered();
 // The kinds to try, in order: the one named by `forced` alone when it is set
 // and not empty (none when no such kind exists); otherwise every kind of
 // `available` that reports itself reachable.
-std::vector<AudioBackendFactory> candidates(const std::vector<AudioBackendFactory>& available,
-                                            std::string_view forced);
+std::vector<AudioBackendFactory> candidates(const std::vector<AudioBackendFactory>& available, std::string_view forced);
 
 } // namespace AudioBackends
 } // namespace tobrin

@@ -24,8 +24,8 @@ std::vector<AudioBackendFactory>& added() {
 void add(AudioBackendFactory factory) {
     std::lock_guard guard(registryLock());
     auto& list = added();
-    auto same = std::find_if(list.begin(), list.end(),
-                             [&](const AudioBackendFactory& f) { return f.name == factory.name; });
+    auto same =
+        std::find_if(list.begin(), list.end(), [&](const AudioBackendFactory& f) { return f.name == factory.name; });
     if (same != list.end())
         *same = std::move(factory);
     else

@@ -62,8 +62,7 @@ void NullAudioBackend::run() {
     std::int64_t origin = monotonicNanoseconds();
     std::uint64_t frames = 0;
     while (running_.load(std::memory_order_acquire)) {
-        if (callbacks_.render)
-            callbacks_.render(callbacks_.context, channels, channelCount, format_.bufferFrames);
+        if (callbacks_.render) callbacks_.render(callbacks_.context, channels, channelCount, format_.bufferFrames);
         blocks_.fetch_add(1, std::memory_order_relaxed);
         frames += format_.bufferFrames;
         std::int64_t deadline = origin + std::llround(double(frames) * nanosecondsPerFrame);
@@ -80,12 +79,10 @@ void NullAudioBackend::run() {
 }
 
 AudioBackendFactory NullAudioBackend::factory() {
-    return AudioBackendFactory{
-        name,
-        [] { return true; },
-        [](const Format& format, const Callbacks& callbacks) -> std::unique_ptr<AudioBackend> {
-            return std::make_unique<NullAudioBackend>(format, callbacks);
-        }};
+    return AudioBackendFactory{name, [] { return true; },
+                               [](const Format& format, const Callbacks& callbacks) -> std::unique_ptr<AudioBackend> {
+                                   return std::make_unique<NullAudioBackend>(format, callbacks);
+                               }};
 }
 
 } // namespace tobrin
