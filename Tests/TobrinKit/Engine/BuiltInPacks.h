@@ -1,0 +1,21 @@
+#pragma once
+
+// The built-in packs the build generated, for tests that need real sounds.
+
+#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/PackInfo.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace tobrin::fixtures {
+
+inline std::filesystem::path builtInPacksDirectory() { return TOBRIN_BUILT_IN_PACKS_DIR; }
+
+inline std::shared_ptr<const LoadedPack> loadBuiltInPack(const std::string& id) {
+    const PackInfo info = PackInfo::read(builtInPacksDirectory() / id, true);
+    return LoadedPack::load(info, 48000);
+}
+
+} // namespace tobrin::fixtures

@@ -1,0 +1,307 @@
+#include "BuiltInPacks.h"
+
+#include "TobrinKit/Engine/Audio/NullAudioBackend.h"
+#include "TobrinKit/Engine/Conductor.h"
+#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Voicing.h"
+#include "TobrinKit/Input/KeyLayout.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace tobrin {
+namespace {
+
+using namespace std::chrono_literals;
+
+template <typename Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 3000ms) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (predicate()) return true;
+        std::this_thread::sleep_for(2ms);
+    }
+    return predicate();
+}
+
+// What the conductor pushed and reported, gathered on its queue.
+struct Recorder {
+    struct Push {
+        TBCommand command;
+        bool pushed;
+        bool outputRunning;
+    };
+    std::mutex lock;
+    std::vector<Push> pushes;
+    std::vector<ForceReading> readings;
+
+    void attach(Conductor& conductor, const std::shared_ptr<AudioOutput>& audio) {
+        Conductor::Diagnostics diagnostics;
+        diagnostics.command = [this, audio](const TBCommand& command, bool pushed) {
+            const bool running = audio->isRunning();
+            std::lock_guard guard(lock);
+            pushes.push_back({command, pushed, running});
+        };
+        conductor.setDiagnostics(std::move(diagnostics));
+        conductor.setOnForce([this](const ForceReading& reading) {
+            std::lock_guard guard(lock);
+            readings.push_back(reading);
+        });
+    }
+    std::vector<Push> commands(std::uint32_t type) {
+        std::lock_guard guard(lock);
+        std::vector<Push> found;
+        for (const auto& push : pushes)
+            if (push.command.type == type) found.push_back(push);
+        return found;
+    }
+    std::vector<ForceReading> forces() {
+        std::lock_guard guard(lock);
+        return readings;
+    }
+};
+
+EngineSettings fixedTier(Tier tier) {
+    EngineSettings settings;
+    settings.forceSensing = false;
+    settings.fixedTier = tier;
+    return settings;
+}
+
+KeyEvent down(std::uint16_t code) { return KeyEvent{code, KeyAction::down, MachTime::now()}; }
+KeyEvent up(std::uint16_t code) { return KeyEvent{code, KeyAction::up, MachTime::now()}; }
+
+class ConductorTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { pack_ = fixtures::loadBuiltInPack("cream"); }
+    static void TearDownTestSuite() { pack_.reset(); }
+
+    std::shared_ptr<AudioOutput> makeOutput() {
+        return std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
+    }
+
+    static std::shared_ptr<const LoadedPack> pack_;
+};
+std::shared_ptr<const LoadedPack> ConductorTest::pack_;
+
+TEST_F(ConductorTest, SameKeyPlaysTheSameTakeAndDetuneAndKeysSpreadOverTakes) {
+    auto audio = makeOutput();
+    Conductor conductor(audio, nullptr);
+    Recorder recorder;
+    recorder.attach(conductor, audio);
+    conductor.setPack(pack_);
+    conductor.apply(fixedTier(Tier::medium), true);
+
+    const std::vector<std::uint16_t> keys{0, 1, 2, 3, 5, 4, 38, 40, 37, 12, 13, 14, 0};
+    for (const auto code : keys) conductor.handle(down(code));
+    conductor.barrier();
+
+    const auto starts = recorder.commands(TB_COMMAND_START);
+    ASSERT_EQ(starts.size(), keys.size());
+    const auto& first = starts.front().command;
+    const auto& again = starts.back().command;
+    for (int layer = 0; layer < 4; ++layer) EXPECT_EQ(first.layers[layer].left, again.layers[layer].left) << layer;
+    EXPECT_EQ(first.rate, again.rate);
+    EXPECT_EQ(first.rate, Voicing::pitchFactor(0));
+
+    std::set<const float*> takes;
+    std::set<float> rates;
+    for (std::size_t i = 0; i + 1 < starts.size(); ++i) {
+        takes.insert(starts[i].command.layers[1].left);
+        rates.insert(starts[i].command.rate);
+        EXPECT_NE(starts[i].command.tag, 0u);
+        EXPECT_GT(starts[i].command.rate, 0.988f - 1e-6f);
+        EXPECT_LT(starts[i].command.rate, 1.012f + 1e-6f);
+    }
+    EXPECT_GE(takes.size(), 2u);
+    EXPECT_GE(rates.size(), 10u);
+}
+
+TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights) {
+    struct Case {
+        Tier tier;
+        float low, high;
+    };
+    for (const Case c : {Case{Tier::slam, 2.7f, 3.0f}, Case{Tier::soft, 0.0f, 0.3f}, Case{Tier::medium, 0.7f, 1.3f}}) {
+        auto audio = makeOutput();
+        Conductor conductor(audio, nullptr);
+        Recorder recorder;
+        recorder.attach(conductor, audio);
+        conductor.setPack(pack_);
+        conductor.apply(fixedTier(c.tier), true);
+        for (int i = 0; i < 120; ++i) conductor.handle(down(std::uint16_t(i % 8)));
+        conductor.barrier();
+
+        const auto readings = recorder.forces();
+        const auto starts = recorder.commands(TB_COMMAND_START);
+        ASSERT_EQ(readings.size(), 120u);
+        ASSERT_EQ(starts.size(), 120u);
+        float lowest = 3, highest = 0;
+        for (std::size_t i = 0; i < readings.size(); ++i) {
+            const auto& reading = readings[i];
+            EXPECT_FALSE(reading.sensed);
+            EXPECT_EQ(reading.relative, 1.0f);
+            EXPECT_EQ(reading.peak, 0.0f);
+            lowest = std::min(lowest, reading.position);
+            highest = std::max(highest, reading.position);
+
+            const auto layers = pack_->layers(KeyLayout::group(reading.code),
+                                              Voicing::variant(reading.code, *pack_, KeyLayout::group(reading.code)));
+            const auto expected = Voicing::weights(reading.position, 1.0f, layers.gains, true, 1.0f);
+            for (std::size_t k = 0; k < 4; ++k)
+                EXPECT_FLOAT_EQ(starts[i].command.weights[k], k < expected.size() ? expected[k] : 0.0f);
+        }
+        EXPECT_GE(lowest, c.low) << name(c.tier);
+        EXPECT_LE(highest, c.high) << name(c.tier);
+        EXPECT_GT(highest - lowest, 0.15f) << name(c.tier); // the jitter is there
+    }
+}
+
+TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinFivePercent) {
+    auto audio = makeOutput();
+    Conductor conductor(audio, nullptr);
+    Recorder recorder;
+    recorder.attach(conductor, audio);
+    conductor.setPack(pack_);
+    conductor.apply(fixedTier(Tier::medium), true);
+
+    const std::vector<std::uint16_t> keys{0, 1, 2, 49, 36, 51, 56, 12, 13, 14, 15, 17, 16, 32};
+    for (int round = 0; round < 4; ++round)
+        for (const auto code : keys) conductor.handle(up(code));
+    conductor.barrier();
+
+    const auto releases = recorder.commands(TB_COMMAND_START);
+    ASSERT_EQ(releases.size(), keys.size() * 4);
+    std::set<float> ratios;
+    for (std::size_t i = 0; i < releases.size(); ++i) {
+        const auto code = keys[i % keys.size()];
+        const auto group = KeyLayout::group(code);
+        const auto release = pack_->release(group, Voicing::variant(code, *pack_, group));
+        ASSERT_TRUE(release);
+        const auto& command = releases[i].command;
+        EXPECT_EQ(command.layers[0].left, release->sample.left);
+        EXPECT_EQ(command.layers[1].left, nullptr);
+        EXPECT_EQ(command.rate, Voicing::pitchFactor(code));
+        const float ratio = command.weights[0] / (release->gain * 0.8f);
+        EXPECT_GE(ratio, 0.95f - 1e-6f);
+        EXPECT_LE(ratio, 1.05f + 1e-6f);
+        ratios.insert(ratio);
+    }
+    EXPECT_GT(ratios.size(), 10u);
+}
+
+TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeItsSound) {
+    auto audio = makeOutput();
+    Conductor conductor(audio, nullptr, Conductor::Timing{20ms, 150, 2s});
+    Recorder recorder;
+    recorder.attach(conductor, audio);
+    conductor.setPack(pack_);
+    conductor.apply(fixedTier(Tier::medium), true);
+    conductor.barrier();
+    EXPECT_TRUE(audio->isRunning());
+    conductor.handle(down(0));
+
+    ASSERT_TRUE(eventually([&] { return conductor.isSuspended(); }));
+    EXPECT_FALSE(audio->isRunning());
+    EXPECT_GE(recorder.commands(TB_COMMAND_RELEASE_ALL).size(), 2u); // setPack's and the suspension's
+
+    conductor.handle(up(0)); // a key-up alone neither wakes nor sounds
+    conductor.barrier();
+    EXPECT_TRUE(conductor.isSuspended());
+    EXPECT_EQ(recorder.commands(TB_COMMAND_START).size(), 1u);
+
+    conductor.handle(down(1));
+    conductor.barrier();
+    const auto starts = recorder.commands(TB_COMMAND_START);
+    ASSERT_EQ(starts.size(), 2u);
+    EXPECT_TRUE(starts.back().outputRunning);
+    EXPECT_TRUE(starts.back().pushed);
+    EXPECT_FALSE(conductor.isSuspended());
+    EXPECT_TRUE(audio->isRunning());
+}
+
+TEST_F(ConductorTest, DisabledSoundSuspendsAndIgnoresKeysUntilEnabled) {
+    auto audio = makeOutput();
+    Conductor conductor(audio, nullptr);
+    Recorder recorder;
+    recorder.attach(conductor, audio);
+    conductor.setPack(pack_);
+    auto settings = fixedTier(Tier::hard);
+    conductor.apply(settings, true);
+    settings.enabled = false;
+    settings.volume = 0.25f;
+    conductor.apply(settings, true);
+    conductor.handle(down(0));
+    conductor.handle(up(0));
+    conductor.barrier();
+    EXPECT_TRUE(conductor.isSuspended());
+    EXPECT_FALSE(audio->isRunning());
+    EXPECT_EQ(audio->volume(), 0.25f);
+    EXPECT_TRUE(recorder.commands(TB_COMMAND_START).empty());
+
+    settings.enabled = true;
+    conductor.apply(settings, false); // enabled, but nothing starts until asked
+    conductor.barrier();
+    EXPECT_FALSE(audio->isRunning());
+    conductor.handle(down(0));
+    conductor.barrier();
+    EXPECT_TRUE(audio->isRunning());
+    EXPECT_EQ(recorder.commands(TB_COMMAND_START).size(), 1u);
+
+    conductor.shutdown();
+    EXPECT_TRUE(conductor.isSuspended());
+    EXPECT_FALSE(audio->isRunning());
+}
+
+TEST(ConductorTags, NeverWrapToZero) {
+    const std::pair<std::uint32_t, std::uint32_t> cases[] = {
+        {0, 1}, {1, 2}, {4294967294u, 4294967295u}, {4294967295u, 1}};
+    for (const auto& [last, next] : cases) EXPECT_EQ(Conductor::tagAfter(last), next) << last;
+}
+
+TEST_F(ConductorTest, AReplacedPackLivesUntilTheMixerHasFadedItsVoices) {
+    auto audio = makeOutput();
+    Conductor conductor(audio, nullptr, Conductor::Timing{15s, 180'000, 30ms});
+    auto first = fixtures::loadBuiltInPack("cream");
+    std::weak_ptr<const LoadedPack> watch = first;
+    conductor.setPack(std::move(first));
+    conductor.apply(fixedTier(Tier::medium), false);
+    conductor.setPack(pack_);
+    conductor.barrier();
+
+    // The output never ran, so the release-all has not been rendered yet:
+    // the old samples must stay, however often the drop is retried.
+    std::this_thread::sleep_for(300ms);
+    EXPECT_FALSE(watch.expired());
+
+    ASSERT_TRUE(audio->start());
+    EXPECT_TRUE(eventually([&] { return watch.expired(); }));
+}
+
+TEST_F(ConductorTest, AuditionPlaysTheSixteenKeyPhraseWithItsReleases) {
+    auto audio = makeOutput();
+    Conductor conductor(audio, nullptr);
+    Recorder recorder;
+    recorder.attach(conductor, audio);
+    conductor.setPack(pack_);
+    conductor.apply(fixedTier(Tier::medium), false);
+    conductor.audition();
+
+    ASSERT_TRUE(eventually([&] { return recorder.commands(TB_COMMAND_START).size() >= 32; }, 5000ms));
+    EXPECT_TRUE(audio->isRunning());
+    int presses = 0, releases = 0;
+    for (const auto& push : recorder.commands(TB_COMMAND_START))
+        (push.command.layers[1].left ? presses : releases) += 1;
+    EXPECT_EQ(presses, 16);
+    EXPECT_EQ(releases, 16);
+    EXPECT_EQ(std::count(Conductor::auditionPhrase().begin(), Conductor::auditionPhrase().end(), 49), 1);
+}
+
+} // namespace
+} // namespace tobrin
