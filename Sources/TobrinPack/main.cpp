@@ -17,6 +17,8 @@ constexpr std::array verbs = {
          "$XDG_DATA_HOME/Tobrin/Packs)",
          runGenerate},
     Verb{"loudness", "FILE...", "print each file's integrated loudness in LUFS, then its name", runLoudness},
+    Verb{"render", "PACK_DIR OUT.wav [--text T] [--wpm N]",
+         "type a demo text with the pack into a 48 kHz stereo WAV file and print its loudness", runRender},
 };
 
 void printUsage(std::FILE* stream) {

@@ -1,0 +1,108 @@
+// tobrin-pack render PACK_DIR OUT.wav [--text T] [--wpm N]
+#include "Verbs.h"
+
+#include "TobrinKit/Building/Loudness.h"
+#include "TobrinKit/Building/WAVWriter.h"
+#include "TobrinKit/Engine/EngineSettings.h"
+#include "TobrinKit/Engine/OfflineRenderer.h"
+#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/PackInfo.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace tobrin::pack {
+namespace {
+
+constexpr std::string_view defaultText = "The quick brown fox jumps over the lazy dog. Typing sounds like this.";
+constexpr double defaultWordsPerMinute = 70;
+constexpr std::uint64_t scriptSeed = 2024;
+constexpr double renderRate = 48000;
+constexpr double tailSeconds = 0.6;
+
+// The demo types with a crescendo, from a light touch to a hard strike, so
+// that every force layer of the pack is heard.
+float crescendo(int index, int count) {
+    if (count < 2) return 1.0f;
+    return 0.5f + 2.0f * float(index) / float(count - 1);
+}
+
+std::optional<double> parseNumber(std::string_view text) {
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+} // namespace
+
+int runRender(std::span<const std::string_view> arguments) {
+    std::vector<std::string_view> positional;
+    std::string text(defaultText);
+    double wordsPerMinute = defaultWordsPerMinute;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string_view argument = arguments[i];
+        if (argument == "--text" || argument == "--wpm") {
+            if (i + 1 >= arguments.size()) {
+                printError("render: " + std::string(argument) + " needs a value");
+                return exitUsage;
+            }
+            const std::string_view value = arguments[++i];
+            if (argument == "--text") {
+                text = value;
+            } else {
+                const auto number = parseNumber(value);
+                if (!number || !(*number >= 1 && *number <= 1000)) {
+                    printError("render: --wpm takes a number of words a minute from 1 to 1000, not " +
+                               std::string(value));
+                    return exitUsage;
+                }
+                wordsPerMinute = *number;
+            }
+        } else {
+            positional.push_back(argument);
+        }
+    }
+    if (positional.size() != 2) {
+        printError("render needs a pack folder and an output file: render PACK_DIR OUT.wav [--text T] [--wpm N]");
+        return exitUsage;
+    }
+    const std::filesystem::path packFolder(positional[0]);
+    const std::filesystem::path output(positional[1]);
+
+    std::shared_ptr<const LoadedPack> pack;
+    try {
+        pack = LoadedPack::load(PackInfo::read(packFolder, false), renderRate);
+    } catch (const std::exception& error) {
+        printError(error.what());
+        return exitFailure;
+    }
+
+    const auto script = OfflineRenderer::typingScript(text, wordsPerMinute, scriptSeed, crescendo);
+    if (script.empty()) {
+        printError("render: the text has no character to type");
+        return exitUsage;
+    }
+    const auto audio = OfflineRenderer::render(*pack, script, EngineSettings(), tailSeconds, renderRate);
+    try {
+        WAVWriter::write(audio.left, std::span<const float>(audio.right), std::int64_t(renderRate), output);
+    } catch (const std::exception& error) {
+        printError("render: " + std::string(error.what()));
+        return exitFailure;
+    }
+    const double lufs = Loudness::integrated(audio.left, std::span<const float>(audio.right), renderRate);
+    const double seconds = double(audio.left.size()) / renderRate;
+    std::printf("Wrote %s (%s, %zu keys, %.1f s)\n", output.c_str(), pack->info().name.c_str(), script.size() / 2,
+                seconds);
+    std::printf("Loudness: %.2f LUFS\n", lufs);
+    return exitSuccess;
+}
+
+} // namespace tobrin::pack

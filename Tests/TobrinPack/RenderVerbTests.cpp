@@ -1,0 +1,112 @@
+#include "TobrinKit/Building/Loudness.h"
+
+#include "Support/IndependentReaders.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <string>
+
+namespace tobrin {
+namespace {
+
+namespace fs = std::filesystem;
+
+testing::CommandResult render(const std::string& arguments) {
+    return testing::runCommand(testing::quoted(TOBRIN_PACK_TOOL) + " render " + arguments);
+}
+
+class RenderVerb : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = fs::path(TOBRIN_TEST_BINARY_DIR) / "render-verb" /
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        fs::remove_all(folder);
+        fs::create_directories(folder);
+    }
+    fs::path builtIn(const std::string& id) const { return fs::path(TOBRIN_BUILT_IN_PACKS_DIR) / id; }
+    fs::path folder;
+};
+
+TEST_F(RenderVerb, WritesAStereoTypingDemoAndPrintsItsLoudness) {
+    const fs::path out = folder / "demo.wav";
+    const auto result =
+        render(testing::quoted(builtIn("cream")) + " " + testing::quoted(out) + " --text 'Hello world' --wpm 90");
+    ASSERT_EQ(result.exitStatus, 0) << result.output;
+    std::smatch match;
+    ASSERT_TRUE(
+        std::regex_search(result.output, match,
+                          std::regex(R"(Wrote (.*) \(Cream, 11 keys, ([0-9.]+) s\)\nLoudness: (-?[0-9.]+) LUFS\n)")))
+        << result.output;
+    EXPECT_EQ(fs::path(match[1].str()), out);
+
+    // Read back independently: 48 kHz stereo, as long as printed, both
+    // channels sounding and placed apart, and the loudness printed is the
+    // loudness of what the file holds.
+    const auto back = testing::readWithSndfile(out);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->channels, 2);
+    EXPECT_EQ(back->sampleRate, 48000);
+    EXPECT_NEAR(double(back->frames) / 48000.0, std::stod(match[2].str()), 0.051);
+    std::vector<float> left(std::size_t(back->frames)), right(std::size_t(back->frames));
+    for (std::size_t i = 0; i < left.size(); ++i) {
+        left[i] = back->floats[2 * i];
+        right[i] = back->floats[2 * i + 1];
+    }
+    EXPECT_NE(left, right);
+    const double measured = Loudness::integrated(left, std::span<const float>(right), 48000);
+    EXPECT_NEAR(measured, std::stod(match[3].str()), 0.02);
+    EXPECT_GT(measured, -45.0);
+
+    // The same command renders the same bytes.
+    const fs::path again = folder / "again.wav";
+    ASSERT_EQ(
+        render(testing::quoted(builtIn("cream")) + " " + testing::quoted(again) + " --text 'Hello world' --wpm 90")
+            .exitStatus,
+        0);
+    std::ifstream a(out, std::ios::binary), b(again, std::ios::binary);
+    EXPECT_TRUE(std::equal(std::istreambuf_iterator<char>(a), {}, std::istreambuf_iterator<char>(b)));
+}
+
+TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
+    const fs::path noManifest = folder / "empty";
+    fs::create_directories(noManifest);
+    const fs::path badManifest = folder / "bad";
+    fs::create_directories(badManifest);
+    std::ofstream(badManifest / "pack.json") << "{ not json";
+    const fs::path missingAudio = folder / "missing-audio";
+    fs::create_directories(missingAudio);
+    std::ofstream(missingAudio / "pack.json") << R"({"formatVersion": 1, "id": "gone", "name": "Gone", "kind": "Test",
+              "groups": {"alpha": {"down": {"medium": ["alpha-medium-1.wav"]}}}})";
+
+    struct Case {
+        fs::path pack;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {noManifest, "tobrin-pack: No pack.json in " + noManifest.string()},
+        {badManifest, "tobrin-pack: Invalid pack.json: "},
+        {missingAudio, "tobrin-pack: "},
+    };
+    for (const auto& c : cases) {
+        const fs::path out = folder / "never.wav";
+        const auto result = render(testing::quoted(c.pack) + " " + testing::quoted(out));
+        EXPECT_EQ(result.exitStatus, 1) << c.pack << "\n" << result.output;
+        EXPECT_EQ(result.output.rfind(c.expected, 0), 0u) << result.output;
+        EXPECT_FALSE(fs::exists(out));
+    }
+}
+
+TEST_F(RenderVerb, BadArgumentsAreUsageErrors) {
+    const std::string pack = testing::quoted(builtIn("cream"));
+    const std::string out = testing::quoted(folder / "x.wav");
+    for (const std::string& arguments : {pack, pack + " " + out + " --wpm 0", pack + " " + out + " --wpm fast",
+                                         pack + " " + out + " --text", pack + " " + out + " --text '%%'"})
+        EXPECT_EQ(render(arguments).exitStatus, 2) << arguments;
+    EXPECT_EQ(render(pack + " " + testing::quoted(folder / "no-such-folder" / "x.wav")).exitStatus, 1);
+}
+
+} // namespace
+} // namespace tobrin
