@@ -31,6 +31,9 @@ protected:
         fs::remove_all(folder);
         fs::create_directories(folder);
     }
+    void TearDown() override {
+        if (!HasFailure()) fs::remove_all(folder);
+    }
     fs::path folder;
 };
 
