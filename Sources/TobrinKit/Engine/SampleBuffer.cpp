@@ -37,6 +37,10 @@ constexpr std::size_t readChunkSamples = 32768;
 // frames costs nothing until the frames actually arrive.
 constexpr std::size_t maxReservedFrames = std::size_t{1} << 22;
 
+// A float file can hold NaN or infinity; one such sample would poison the
+// whole mix, and the conversion filter would smear it over its neighbours.
+float finite(float sample) { return std::isfinite(sample) ? sample : 0.0f; }
+
 struct Decoded {
     std::vector<float> left;
     std::vector<float> right;
@@ -66,8 +70,8 @@ Decoded readFrames(SNDFILE* file, const SF_INFO& info, std::size_t maxFrames, bo
             moreThanMax = true;
         }
         for (std::size_t frame = 0; frame < take; ++frame) {
-            decoded.left.push_back(scratch[frame * channels]);
-            if (!decoded.mono) decoded.right.push_back(scratch[frame * channels + 1]);
+            decoded.left.push_back(finite(scratch[frame * channels]));
+            if (!decoded.mono) decoded.right.push_back(finite(scratch[frame * channels + 1]));
         }
         if (moreThanMax) break;
     }

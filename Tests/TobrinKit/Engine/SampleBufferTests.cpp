@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <limits>
 
 namespace tobrin {
 namespace {
@@ -126,6 +127,24 @@ TEST(SampleBufferLoad, KeepsTheFirstTwoOfVeryManyChannels) {
     EXPECT_EQ(buffer.left()[99], 0.25f);
     EXPECT_EQ(buffer.right()[99], -0.5f);
     EXPECT_EQ(buffer.peak(), 0.5f);
+}
+
+TEST(SampleBufferLoad, SamplesThatAreNotNumbersBecomeSilence) {
+    ScratchFolder folder;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    writeSound(folder / "bad48.wav", {{0.5f, nan, -inf, 0.25f}, {inf, 0.125f, nan, -0.25f}}, 48000,
+               SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    SampleBuffer at48 = SampleBuffer::load(folder / "bad48.wav", 48000);
+    EXPECT_EQ(std::vector<float>(at48.left(), at48.left() + 4), (std::vector<float>{0.5f, 0, 0, 0.25f}));
+    EXPECT_EQ(std::vector<float>(at48.right(), at48.right() + 4), (std::vector<float>{0, 0.125f, 0, -0.25f}));
+
+    auto samples = sine(4410, 440, 44100, 0.5);
+    samples[2000] = nan;
+    writeSound(folder / "bad441.wav", {samples}, 44100, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    SampleBuffer converted = SampleBuffer::load(folder / "bad441.wav", 48000);
+    for (std::size_t i = 0; i < converted.frames(); ++i) ASSERT_TRUE(std::isfinite(converted.left()[i])) << i;
+    EXPECT_NEAR(converted.peak(), 0.5f, 0.01f);
 }
 
 TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
