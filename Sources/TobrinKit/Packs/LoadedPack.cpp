@@ -28,7 +28,9 @@ public:
     Decoder(const PackInfo& info, double sampleRate) : info_(info), sampleRate_(sampleRate) {
         std::error_code error;
         folder_ = std::filesystem::canonical(info.directory, error);
-        if (error) folder_ = std::filesystem::absolute(info.directory).lexically_normal();
+        // Only when the folder vanished since its manifest was read; the
+        // decoder then fails to open the files.
+        if (error) folder_ = std::filesystem::absolute(info.directory, error).lexically_normal();
     }
 
     std::size_t resolve(const std::string& path) {

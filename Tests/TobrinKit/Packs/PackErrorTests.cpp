@@ -39,15 +39,5 @@ TEST(PackError, MissingManifestNamesTheFullPathEvenWhenGivenARelativeOne) {
     EXPECT_EQ(error.url(), std::filesystem::path("MyPack"));
 }
 
-TEST(PackError, KeepsItsValuesForCallersThatNeedThem) {
-    const PackError invalid = PackError::invalidManifest("/p/X", "detail");
-    EXPECT_EQ(invalid.kind(), PackError::Kind::invalidManifest);
-    EXPECT_EQ(invalid.url(), std::filesystem::path("/p/X"));
-    EXPECT_EQ(invalid.detail(), "detail");
-    const PackError empty = PackError::empty("id-1");
-    EXPECT_EQ(empty.kind(), PackError::Kind::empty);
-    EXPECT_EQ(empty.detail(), "id-1");
-}
-
 } // namespace
 } // namespace tobrin
