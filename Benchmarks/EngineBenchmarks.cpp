@@ -169,7 +169,7 @@ void BM_OfflineRenderSixtySeconds(benchmark::State& state) {
     state.counters["realtime"] = benchmark::Counter(seconds, benchmark::Counter::kIsIterationInvariantRate);
     state.counters["keys"] = double(script.size());
 }
-BENCHMARK(BM_OfflineRenderSixtySeconds)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OfflineRenderSixtySeconds)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 } // namespace
 } // namespace tobrin
