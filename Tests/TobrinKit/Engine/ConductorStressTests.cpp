@@ -8,10 +8,14 @@
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
 #include "TobrinKit/Engine/Conductor.h"
 #include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Force/ForceSensor.h"
+#include "TobrinKit/Force/RecordedMotionSource.h"
+#include "TobrinKit/Force/SensorRecording.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -72,16 +76,29 @@ TEST(ConductorStress, PackSwapStormWhileVoicesSoundNeverFreesSamplesInUse) {
     EXPECT_EQ(alive(), 1u);
 }
 
+// Three seconds of a resting machine with a tap every 50 ms, one report a
+// millisecond, so the sensor thread writes its ring while the conductor reads it.
+std::shared_ptr<ForceSensor> tappingSensor() {
+    SensorRecording recording;
+    for (std::uint64_t ms = 0; ms < 3000; ++ms) {
+        const double tap = ms % 50 == 0 ? 0.03 : 0.0;
+        recording.append(ms * 1'000'000, ForceSensor::encodeReport(ForceSensor::Acceleration{tap, 0, 1}));
+    }
+    const auto path = std::filesystem::path(TOBRIN_TEST_BINARY_DIR) / "conductor-stress.replay";
+    recording.write(path);
+    return std::make_shared<ForceSensor>(std::make_unique<RecordedMotionSource>(path));
+}
+
 TEST(ConductorStress, KeysSettingsAndPackSwapsFromManyThreads) {
     auto audio = nullOutput();
-    Conductor conductor(audio, nullptr, Conductor::Timing{5ms, 40, 10ms});
+    auto sensor = tappingSensor();
+    Conductor conductor(audio, sensor, Conductor::Timing{5ms, 40, 10ms});
     const auto cream = fixtures::loadBuiltInPack("cream");
     const auto click = fixtures::loadBuiltInPack("blue-click");
     std::atomic<int> readings{0};
     conductor.setOnForce([&](const ForceReading&) { ++readings; });
     conductor.setPack(cream);
     EngineSettings settings;
-    settings.forceSensing = false;
     conductor.apply(settings, true);
 
     std::atomic<bool> stop{false};
@@ -92,6 +109,7 @@ TEST(ConductorStress, KeysSettingsAndPackSwapsFromManyThreads) {
         for (int i = 0; !stop; ++i) {
             EngineSettings changed = settings;
             changed.enabled = i % 5 != 4;
+            changed.forceSensing = i % 4 < 2;
             changed.volume = float(i % 10) * 0.1f;
             changed.fixedTier = allTiers[std::size_t(i % 4)];
             changed.blendTiers = i % 2 == 0;
@@ -114,6 +132,7 @@ TEST(ConductorStress, KeysSettingsAndPackSwapsFromManyThreads) {
         while (!stop) {
             (void)audio->activeVoices();
             (void)audio->isRunning();
+            (void)sensor->isRunning();
             (void)conductor.isSuspended();
             std::this_thread::sleep_for(2ms);
         }
@@ -126,6 +145,8 @@ TEST(ConductorStress, KeysSettingsAndPackSwapsFromManyThreads) {
     EXPECT_GT(readings.load(), 50);
     EXPECT_GT(audio->startedVoices(), 50u);
     EXPECT_FALSE(audio->isRunning());
+    EXPECT_FALSE(sensor->isRunning());
+    EXPECT_GT(sensor->reportsReceived(), 100u);
 }
 
 } // namespace
