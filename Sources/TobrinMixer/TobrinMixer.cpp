@@ -10,12 +10,6 @@
 #include <numbers>
 #include <type_traits>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
-#include "TobrinMixerInternal.h"
-
 static_assert(std::is_trivially_copyable_v<TBCommand>, "commands are copied whole through the ring");
 static_assert(std::is_trivially_copyable_v<TBSample>);
 
@@ -90,8 +84,6 @@ struct TBMixer {
     float rampGains[layerCount][chunkFrames];
     float mixLeft[chunkFrames];
     float mixRight[chunkFrames];
-
-    bool useGather; // the processor has AVX2, decided once at creation
 };
 
 namespace {
@@ -247,53 +239,6 @@ inline float interpolate(float a, float next, float fraction) {
     return fraction == 0.0f ? a : a + (next - a) * fraction;
 }
 
-#if defined(__x86_64__)
-// g × the interpolated samples at eight read positions (zero where a ramped
-// gain is zero).
-template <bool Ramped>
-__attribute__((target("avx2"))) inline __m256 gatheredContribution(const float* samples, __m256i k, __m256i next,
-                                                                   __m256 f, __m256 whole, __m256 g, __m256 silent) {
-    const __m256 a = _mm256_i32gather_ps(samples, k, 4);
-    const __m256 b = _mm256_i32gather_ps(samples, next, 4);
-    __m256 v = _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), f));
-    v = _mm256_blendv_ps(v, a, whole);
-    const __m256 c = _mm256_mul_ps(g, v);
-    return Ramped ? _mm256_blendv_ps(c, _mm256_setzero_ps(), silent) : c;
-}
-
-// The bulk run of mixLayer with AVX2 gathers, eight frames at a time. Same
-// operations in the same order as the portable loop (no fused multiply-add),
-// so the samples are identical. Gather indices are signed 32-bit: the caller
-// only comes here for layers shorter than 2^31 frames.
-template <bool Stereo, bool Ramped>
-__attribute__((target("avx2"))) std::uint32_t mixLayerGather(TBMixer& mixer, const VoiceLayer& layer,
-                                                             std::uint32_t inside, float gain, const float* gains) {
-    const std::uint32_t* indices = mixer.indices;
-    const float* fractions = mixer.fractions;
-    const __m256 zero = _mm256_setzero_ps();
-    const __m256i one = _mm256_set1_epi32(1);
-    const __m256 constantGain = _mm256_set1_ps(gain);
-    std::uint32_t i = 0;
-    for (; i + 8 <= inside; i += 8) {
-        const __m256i k = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(indices + i));
-        const __m256i next = _mm256_add_epi32(k, one);
-        const __m256 f = _mm256_loadu_ps(fractions + i);
-        const __m256 whole = _mm256_cmp_ps(f, zero, _CMP_EQ_OQ);
-        const __m256 g = Ramped ? _mm256_loadu_ps(gains + i) : constantGain;
-        const __m256 silent = Ramped ? _mm256_cmp_ps(g, zero, _CMP_EQ_OQ) : zero;
-        _mm256_storeu_ps(mixer.mixLeft + i,
-                         _mm256_add_ps(_mm256_loadu_ps(mixer.mixLeft + i),
-                                       gatheredContribution<Ramped>(layer.left, k, next, f, whole, g, silent)));
-        if constexpr (Stereo) {
-            _mm256_storeu_ps(mixer.mixRight + i,
-                             _mm256_add_ps(_mm256_loadu_ps(mixer.mixRight + i),
-                                           gatheredContribution<Ramped>(layer.right, k, next, f, whole, g, silent)));
-        }
-    }
-    return i;
-}
-#endif
-
 // Adds one layer into the chunk's mix. Read positions only grow, so the frames
 // split into three runs: both neighbours inside the layer (the bulk, without
 // bounds checks), the last sample (its right neighbour counts as 0), and past
@@ -332,11 +277,6 @@ void mixLayer(TBMixer& mixer, const VoiceLayer& layer, std::uint32_t frames, flo
         }
     };
     std::uint32_t i = 0;
-#if defined(__x86_64__)
-    if (mixer.useGather && layerFrames < (std::uint64_t(1) << 31)) {
-        i = mixLayerGather<Stereo, Ramped>(mixer, layer, inside, gain, gains);
-    }
-#endif
     for (; i < inside; ++i) {
         const std::uint32_t k = indices[i];
         add(i, left[k + 1], Stereo ? right[k + 1] : 0.0f);
@@ -422,8 +362,6 @@ void applyMaster(TBMixer& mixer, float target, float* left, float* right, std::u
 
 extern "C" {
 
-bool tobrin_mixer_portable_only = false;
-
 TBMixer* tb_mixer_create(float sampleRate, float crossfadeMs) {
     TBMixer* mixer = new (std::nothrow) TBMixer();
     if (mixer == nullptr) return nullptr;
@@ -433,10 +371,6 @@ TBMixer* tb_mixer_create(float sampleRate, float crossfadeMs) {
     mixer->releaseFrames = framesFor(6.0, mixer->sampleRate);
     mixer->masterTarget.store(1.0f, std::memory_order_relaxed);
     mixer->masterCurrent = 1.0f;
-#if defined(__x86_64__)
-    __builtin_cpu_init();
-    mixer->useGather = __builtin_cpu_supports("avx2") && !tobrin_mixer_portable_only;
-#endif
     return mixer;
 }
 

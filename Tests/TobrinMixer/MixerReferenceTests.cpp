@@ -3,7 +3,6 @@
 // the very same samples.
 #include "MixerTestSupport.h"
 #include "ReferenceMixer.h"
-#include "TobrinMixerInternal.h"
 
 #include <gtest/gtest.h>
 
@@ -127,28 +126,17 @@ void compareWithReference(std::uint32_t seed, bool stereo, float crossfadeMs) {
     }
 }
 
-// Runs each case twice where the processor has a vector path: once on it, once
-// pinned to the portable loops.
-class MixerReference : public ::testing::TestWithParam<bool> {
-protected:
-    void SetUp() override { tobrin_mixer_portable_only = GetParam(); }
-    void TearDown() override { tobrin_mixer_portable_only = false; }
-};
-
-TEST_P(MixerReference, StereoOutputMatchesFrameByFrameDefinition) {
+TEST(MixerReference, StereoOutputMatchesFrameByFrameDefinition) {
     for (std::uint32_t seed = 1; seed <= 12; ++seed) compareWithReference(seed, true, 4);
 }
 
-TEST_P(MixerReference, MonoOutputMatchesFrameByFrameDefinition) {
+TEST(MixerReference, MonoOutputMatchesFrameByFrameDefinition) {
     for (std::uint32_t seed = 101; seed <= 106; ++seed) compareWithReference(seed, false, 4);
 }
 
-TEST_P(MixerReference, ShortCrossfadesEndingMidBlockMatch) {
+TEST(MixerReference, ShortCrossfadesEndingMidBlockMatch) {
     for (std::uint32_t seed = 201; seed <= 206; ++seed) compareWithReference(seed, true, 0.1f);
 }
-
-INSTANTIATE_TEST_SUITE_P(Paths, MixerReference, ::testing::Values(false, true),
-                         [](const auto& testInfo) { return testInfo.param ? "Portable" : "Native"; });
 
 } // namespace
 } // namespace tobrin::test
