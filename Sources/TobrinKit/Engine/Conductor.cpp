@@ -320,7 +320,9 @@ void Conductor::armIdleTimer() {
     idleDeadline_ += timing_.idleTick;
     idleTimer_->expires_at(idleDeadline_);
     idleTimer_->async_wait([this](const asio::error_code& error) {
-        if (error) return;
+        // A wait that completed just before the destructor reset the timer still
+        // runs, with success: the missing timer is what says it is over.
+        if (error || !idleTimer_) return;
         idleTick();
         armIdleTimer();
     });

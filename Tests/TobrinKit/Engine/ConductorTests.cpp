@@ -198,7 +198,9 @@ TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinF
 
 TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeItsSound) {
     auto audio = makeOutput();
-    Conductor conductor(audio, nullptr, Conductor::Timing{20ms, 150, 2s});
+    // Long enough that a slow sanitizer build cannot idle out again between the
+    // second key-down and the checks after it.
+    Conductor conductor(audio, nullptr, Conductor::Timing{20ms, 1000, 2s});
     Recorder recorder;
     recorder.attach(conductor, audio);
     conductor.setPack(pack_);
