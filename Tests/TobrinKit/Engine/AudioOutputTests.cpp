@@ -1,6 +1,8 @@
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
 #include "TobrinKit/Engine/AudioOutput.h"
 
+#include "Support/Eventually.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,6 +14,8 @@
 
 namespace tobrin {
 namespace {
+
+using test::eventually;
 
 using namespace std::chrono_literals;
 
@@ -31,16 +35,6 @@ AudioBackendFactory countedNullDevice(const std::shared_ptr<BackendProbe>& probe
         return create(format, callbacks);
     };
     return factory;
-}
-
-template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 2000ms) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (predicate()) return true;
-        std::this_thread::sleep_for(2ms);
-    }
-    return predicate();
 }
 
 TEST(AudioOutput, NullDeviceRendersBlocksAtRealTimePace) {

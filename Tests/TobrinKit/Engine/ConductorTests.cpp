@@ -6,6 +6,8 @@
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Input/KeyLayout.h"
 
+#include "Support/Eventually.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,17 +20,9 @@
 namespace tobrin {
 namespace {
 
-using namespace std::chrono_literals;
+using test::eventually;
 
-template <typename Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds timeout = 3000ms) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (predicate()) return true;
-        std::this_thread::sleep_for(2ms);
-    }
-    return predicate();
-}
+using namespace std::chrono_literals;
 
 // What the conductor pushed and reported, gathered on its queue.
 struct Recorder {
