@@ -2,89 +2,22 @@
 // allocating, freeing, locking or logging: the render thread calls it.
 #include "TobrinMixer.h"
 
+#include "MixerState.h"
+#include "VectorMix.h"
+
 #include <algorithm>
-#include <atomic>
 #include <cassert>
 #include <cmath>
+#include <cstdlib>
 #include <new>
 #include <numbers>
+#include <string_view>
 #include <type_traits>
 
 static_assert(std::is_trivially_copyable_v<TBCommand>, "commands are copied whole through the ring");
 static_assert(std::is_trivially_copyable_v<TBSample>);
 
-namespace {
-
-constexpr std::uint32_t ringSize = 512;
-constexpr std::uint32_t ringMask = ringSize - 1;
-constexpr int voiceCount = 32;
-constexpr int layerCount = 4;
-// Voices are mixed in chunks of at most this many frames through scratch
-// buffers; a longer render call is simply cut into chunks.
-constexpr std::uint32_t chunkFrames = 256;
-
-struct VoiceLayer {
-    const float* left;
-    const float* right; // equal to left for a mono layer, never null while left is set
-    std::uint64_t frames;
-};
-
-struct Voice {
-    std::uint8_t active;
-    std::uint8_t releasing;
-    std::uint32_t tag;
-    std::uint64_t sequence; // the voice's age: the oldest is stolen first
-    VoiceLayer layers[layerCount];
-    float gain[layerCount];
-    float target[layerCount];
-    float step[layerCount];
-    std::uint32_t rampLeft;
-    std::uint32_t length; // longest layer, in frames
-    double position;
-    double rate;
-    float panLeft;
-    float panRight;
-};
-
-static_assert(std::is_trivially_copyable_v<Voice>);
-static_assert(std::atomic<float>::is_always_lock_free);
-static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
-
-} // namespace
-
-struct TBMixer {
-    TBCommand ring[ringSize];
-
-    // The ring's two indices count up without bound (slot = count & ringMask).
-    // The producer fills slot `write` and then publishes write + 1 with a release
-    // store; the consumer loads `write` with acquire, so it sees the filled slots.
-    // Back the other way, the consumer copies commands out before publishing
-    // `read` with release, and the producer's acquire load of `read` keeps it
-    // from reusing a slot that is still being copied. Each index has one writer.
-    alignas(64) std::atomic<std::uint32_t> write;
-    alignas(64) std::atomic<std::uint32_t> read;
-
-    alignas(64) Voice voices[voiceCount];
-    std::uint64_t sequenceCounter;
-    float sampleRate;
-    std::uint32_t fadeFrames;    // weight changes crossfade over this many frames
-    std::uint32_t releaseFrames; // release-all fades over 6 ms
-
-    std::atomic<float> masterTarget; // written by the control side
-    float masterCurrent;             // render thread only
-
-    std::atomic<std::uint32_t> activeVoices;
-    std::atomic<std::uint64_t> startedVoices;
-    std::atomic<std::uint64_t> renderedFrames;
-    std::atomic<std::uint64_t> droppedCommands;
-
-    // Render-thread scratch, kept here rather than on the audio thread's stack.
-    std::uint32_t indices[chunkFrames]; // whole part of each frame's read position
-    float fractions[chunkFrames];       // and its fractional part
-    float rampGains[layerCount][chunkFrames];
-    float mixLeft[chunkFrames];
-    float mixRight[chunkFrames];
-};
+using namespace tobrin::mixer;
 
 namespace {
 
@@ -179,64 +112,69 @@ void drainCommands(TBMixer& mixer) {
     mixer.read.store(end, std::memory_order_release);
 }
 
-// Walks the voice through up to `frames` frames, recording each frame's read
-// position (split into index and fraction, shared by all four layers) and, while
-// a ramp runs, each layer's gain. Returns how many frames are to be written;
-// clears `active` when the voice ends within them (past its end, or a release
-// ramp reaching zero, whose last frame is not written).
-std::uint32_t planChunk(TBMixer& mixer, Voice& voice, std::uint32_t frames, bool& ramped) {
+// Walks the voice's read position through up to `frames` frames, recording
+// each frame's index and fraction (shared by all four layers). Returns how many
+// frames sound; clears `active` when the position passes the end within them.
+std::uint32_t planPositions(TBMixer& mixer, Voice& voice, std::uint32_t frames) {
     double position = voice.position;
     const double length = voice.length;
     const double rate = voice.rate;
-    std::uint32_t* indices = mixer.indices;
-    float* fractions = mixer.fractions;
-    // Positions stay below the length, a 32-bit count, so the signed 64-bit
-    // conversion (one instruction) is exact.
-    const auto record = [&](std::uint32_t i) {
-        const auto k = static_cast<std::uint32_t>(static_cast<std::int64_t>(position));
-        indices[i] = k;
-        fractions[i] = static_cast<float>(position - double(k));
-    };
     std::uint32_t i = 0;
-    ramped = voice.rampLeft > 0;
-    if (!ramped) {
-        for (; i < frames; ++i) {
-            if (position >= length) {
-                voice.active = 0;
-                break;
-            }
-            record(i);
-            position += rate;
+    for (; i < frames; ++i) {
+        if (position >= length) {
+            voice.active = 0;
+            break;
         }
-    } else {
-        for (; i < frames; ++i) {
-            if (position >= length) {
-                voice.active = 0;
-                break;
-            }
-            record(i);
-            for (int l = 0; l < layerCount; ++l) mixer.rampGains[l][i] = voice.gain[l];
-            if (voice.rampLeft > 0) {
-                if (--voice.rampLeft > 0) {
-                    for (int l = 0; l < layerCount; ++l) voice.gain[l] += voice.step[l];
-                } else {
-                    for (int l = 0; l < layerCount; ++l) voice.gain[l] = voice.target[l];
-                    if (voice.releasing) {
-                        voice.active = 0;
-                        break;
-                    }
-                }
-            }
-            position += rate;
-        }
+        // Positions stay below the length, a 32-bit count, so the signed 64-bit
+        // conversion (one instruction) is exact.
+        const auto k = static_cast<std::uint32_t>(static_cast<std::int64_t>(position));
+        mixer.indices[i] = k;
+        mixer.fractions[i] = static_cast<float>(position - double(k));
+        position += rate;
     }
     voice.position = position;
     return i;
 }
 
-// Sample k when the position is whole, else the line from k to next.
-inline float interpolate(float a, float next, float fraction) {
-    return fraction == 0.0f ? a : a + (next - a) * fraction;
+// The same count for a voice whose position is exactly frame × rate (see
+// exactPositionLimit): the first frame at or past the end is found from the
+// quotient and checked with exact products, without walking the frames.
+std::uint32_t framesBeforeEnd(Voice& voice, double first, std::uint32_t frames) {
+    const double length = voice.length;
+    const double rate = voice.rate;
+    if (first * rate >= length) {
+        voice.active = 0;
+        return 0;
+    }
+    // The first frame whose position reaches the length. The quotient is
+    // rounded, so its ceiling can be one short when the true quotient lies just
+    // above a whole number; the exact product tells.
+    double end = std::ceil(length / rate);
+    if (end * rate < length) end += 1.0;
+    const double remaining = end - first;
+    if (remaining >= double(frames)) return frames;
+    voice.active = 0;
+    return static_cast<std::uint32_t>(remaining);
+}
+
+// Runs the voice's gain ramp across `count` frames, recording each frame's layer
+// gains. Returns how many frames are written: a release ramp reaching zero ends
+// the voice on that frame, which is not written.
+std::uint32_t planRamp(TBMixer& mixer, Voice& voice, std::uint32_t count) {
+    for (std::uint32_t i = 0; i < count; ++i) {
+        for (int l = 0; l < layerCount; ++l) mixer.rampGains[l][i] = voice.gain[l];
+        if (voice.rampLeft == 0) continue;
+        if (--voice.rampLeft > 0) {
+            for (int l = 0; l < layerCount; ++l) voice.gain[l] += voice.step[l];
+        } else {
+            for (int l = 0; l < layerCount; ++l) voice.gain[l] = voice.target[l];
+            if (voice.releasing) {
+                voice.active = 0;
+                return i;
+            }
+        }
+    }
+    return count;
 }
 
 // Adds one layer into the chunk's mix. Read positions only grow, so the frames
@@ -298,7 +236,7 @@ void mixLayers(TBMixer& mixer, const Voice& voice, std::uint32_t count, bool ram
     }
 }
 
-void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std::uint32_t frames) {
+void mixVoicePortably(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std::uint32_t frames) {
     // Mono layers leave the right mix equal to the left one, so it is computed
     // only when some layer has a distinct right channel.
     bool stereoSource = false;
@@ -307,8 +245,9 @@ void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std
     }
     for (std::uint32_t offset = 0; offset < frames && voice.active; offset += chunkFrames) {
         const std::uint32_t chunk = std::min(chunkFrames, frames - offset);
-        bool ramped = false;
-        const std::uint32_t count = planChunk(mixer, voice, chunk, ramped);
+        const bool ramped = voice.rampLeft > 0;
+        std::uint32_t count = planPositions(mixer, voice, chunk);
+        if (ramped) count = planRamp(mixer, voice, count);
         if (count == 0) continue;
 
         std::fill_n(mixer.mixLeft, count, 0.0f);
@@ -336,6 +275,26 @@ void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std
             }
         }
     }
+}
+
+void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std::uint32_t frames) {
+#if defined(TOBRIN_MIXER_VECTOR)
+    if (mixer.vectorMix && voice.rate < 2.0 && voice.length < exactPositionLimit) {
+        for (std::uint32_t offset = 0; offset < frames && voice.active; offset += chunkFrames) {
+            const std::uint32_t chunk = std::min(chunkFrames, frames - offset);
+            // Exact: the position is a whole number of rate steps (see exactPositionLimit).
+            const double first = voice.position / voice.rate;
+            const bool ramped = voice.rampLeft > 0;
+            std::uint32_t count = framesBeforeEnd(voice, first, chunk);
+            if (ramped) count = planRamp(mixer, voice, count);
+            voice.position = (first + count) * voice.rate;
+            mixChunkVector(mixer, voice, first, count, ramped, outLeft + offset,
+                           outRight != nullptr ? outRight + offset : nullptr);
+        }
+        return;
+    }
+#endif
+    mixVoicePortably(mixer, voice, outLeft, outRight, frames);
 }
 
 // A knee at 0.8 that approaches 1.0 and never reaches it.
@@ -371,6 +330,11 @@ TBMixer* tb_mixer_create(float sampleRate, float crossfadeMs) {
     mixer->releaseFrames = framesFor(6.0, mixer->sampleRate);
     mixer->masterTarget.store(1.0f, std::memory_order_relaxed);
     mixer->masterCurrent = 1.0f;
+#if defined(TOBRIN_MIXER_VECTOR)
+    // TOBRIN_MIXER_SCALAR=1 keeps the portable path, to compare the two.
+    const char* scalar = std::getenv("TOBRIN_MIXER_SCALAR");
+    mixer->vectorMix = cpuSupportsVectorMix() && (scalar == nullptr || std::string_view(scalar) != "1");
+#endif
     return mixer;
 }
 

@@ -5,7 +5,9 @@
 #include "TobrinMixer.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace tobrin::test {
@@ -15,8 +17,19 @@ struct MixerDeleter {
 };
 using MixerPtr = std::unique_ptr<TBMixer, MixerDeleter>;
 
-inline MixerPtr makeMixer(float sampleRate = 48000, float crossfadeMs = 4) {
-    return MixerPtr(tb_mixer_create(sampleRate, crossfadeMs));
+// The mixer mixes with AVX2 where the CPU has it and portably otherwise; both
+// must give the same samples, so the tests that compare samples run on both.
+enum class MixerPath { Native, Portable };
+
+inline std::string pathName(MixerPath path) { return path == MixerPath::Native ? "Native" : "Portable"; }
+
+inline MixerPtr makeMixer(float sampleRate = 48000, float crossfadeMs = 4, MixerPath path = MixerPath::Native) {
+    if (path == MixerPath::Native) return MixerPtr(tb_mixer_create(sampleRate, crossfadeMs));
+    // The switch is read once, when the mixer is created.
+    setenv("TOBRIN_MIXER_SCALAR", "1", 1);
+    MixerPtr mixer(tb_mixer_create(sampleRate, crossfadeMs));
+    unsetenv("TOBRIN_MIXER_SCALAR");
+    return mixer;
 }
 
 // A constant signal, handy because every frame of the output is predictable.

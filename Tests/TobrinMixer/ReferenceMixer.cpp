@@ -140,7 +140,7 @@ void ReferenceMixer::render(float* left, float* right, std::uint32_t frames) {
     auto limit = [](float y) {
         if (std::fabs(y) > 0.8f) {
             float t = (std::fabs(y) - 0.8f) / 0.2f;
-            t = t / (t + 1);
+            t = std::isinf(t) ? 1.0f : t / (t + 1); // an infinite input goes to the limit, not to NaN
             y = y < 0 ? -(0.8f + 0.2f * t) : 0.8f + 0.2f * t;
         }
         return y;

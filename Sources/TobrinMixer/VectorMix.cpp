@@ -1,0 +1,214 @@
+// Eight frames at a time: the positions come from the closed form frame × rate,
+// each layer's samples are fetched with unaligned loads and lane permutes (not
+// gathers, which are slow on many CPUs), and the four layers are summed in
+// registers before the voice is panned into the output. Every float operation is
+// the portable path's, in its order, so the output is identical to the bit.
+#include "VectorMix.h"
+
+#if defined(TOBRIN_MIXER_VECTOR)
+
+#include <cassert>
+#include <immintrin.h>
+
+#define TOBRIN_AVX2 __attribute__((target("avx2")))
+
+namespace tobrin::mixer {
+namespace {
+
+struct SoundingLayer {
+    const float* left;
+    const float* right; // equal to left for a mono layer
+    std::uint64_t frames;
+    float gain;         // the gain for the whole chunk, outside a ramp
+    const float* gains; // the gain of each frame of the chunk during a ramp, else null
+};
+
+// One frame of one layer, as the portable path computes it. Adds nothing past
+// the layer's end or at a zero gain; the sample after the last counts as 0.
+inline void addFrame(const SoundingLayer& layer, std::uint32_t k, float fraction, float gain, float& left,
+                     float& right) {
+    if (k >= layer.frames || gain == 0.0f) return;
+    const bool last = k + std::uint64_t(1) >= layer.frames;
+    left += gain * interpolate(layer.left[k], last ? 0.0f : layer.left[k + 1], fraction);
+    right += gain * interpolate(layer.right[k], last ? 0.0f : layer.right[k + 1], fraction);
+}
+
+// Where the eight frames of a group read.
+struct Group {
+    std::uint32_t first; // whole part of the first frame's position
+    std::uint32_t span;  // whole part of the last frame's position, minus first
+    __m256i offsets;     // each frame's whole part, minus first
+    __m256i nextOffsets; // offsets + 1, for the right-hand neighbour
+    __m256 highLanes;    // sign bit set where offsets ≥ 8
+    __m256 nextHighLanes;
+    __m256 fractions;
+    __m256 whole; // lanes whose fraction is 0: they take sample k itself
+    bool anyWhole;
+};
+
+TOBRIN_AVX2 inline Group locate(double frame, __m256d rate) {
+    const __m256d framesLow = _mm256_add_pd(_mm256_set1_pd(frame), _mm256_setr_pd(0, 1, 2, 3));
+    const __m256d framesHigh = _mm256_add_pd(framesLow, _mm256_set1_pd(4));
+    const __m256d positionsLow = _mm256_mul_pd(framesLow, rate);
+    const __m256d positionsHigh = _mm256_mul_pd(framesHigh, rate);
+    // Positions are below 2^28: truncating to 32 bits is the floor.
+    const __m128i wholeLow = _mm256_cvttpd_epi32(positionsLow);
+    const __m128i wholeHigh = _mm256_cvttpd_epi32(positionsHigh);
+    const __m128 fractionsLow = _mm256_cvtpd_ps(_mm256_sub_pd(positionsLow, _mm256_cvtepi32_pd(wholeLow)));
+    const __m128 fractionsHigh = _mm256_cvtpd_ps(_mm256_sub_pd(positionsHigh, _mm256_cvtepi32_pd(wholeHigh)));
+
+    Group group;
+    group.first = std::uint32_t(_mm_cvtsi128_si32(wholeLow));
+    group.span = std::uint32_t(_mm_extract_epi32(wholeHigh, 3)) - group.first;
+    group.offsets = _mm256_sub_epi32(_mm256_set_m128i(wholeHigh, wholeLow), _mm256_set1_epi32(int(group.first)));
+    group.nextOffsets = _mm256_add_epi32(group.offsets, _mm256_set1_epi32(1));
+    group.highLanes = _mm256_castsi256_ps(_mm256_slli_epi32(group.offsets, 28));
+    group.nextHighLanes = _mm256_castsi256_ps(_mm256_slli_epi32(group.nextOffsets, 28));
+    group.fractions = _mm256_set_m128(fractionsHigh, fractionsLow);
+    group.whole = _mm256_cmp_ps(group.fractions, _mm256_setzero_ps(), _CMP_EQ_OQ);
+    group.anyWhole = _mm256_movemask_ps(group.whole) != 0;
+    return group;
+}
+
+// How a group's samples are fetched from one channel.
+enum class Reach {
+    Whole, // rate 1: the eight samples from `first` on, no interpolation
+    Near,  // within 9 samples: one load for the samples, one for their neighbours
+    Wide,  // within 16 samples (any rate below 2): two loads, each lane picks from one
+};
+
+TOBRIN_AVX2 inline __m256 pick(__m256 low, __m256 high, __m256i offsets, __m256 highLanes) {
+    // The permute uses the low three bits of each offset; bit 3 chooses the half.
+    return _mm256_blendv_ps(_mm256_permutevar8x32_ps(low, offsets), _mm256_permutevar8x32_ps(high, offsets),
+                            highLanes);
+}
+
+template <Reach reach>
+TOBRIN_AVX2 inline __m256 interpolated(const float* channel, const Group& group) {
+    const float* base = channel + group.first;
+    if constexpr (reach == Reach::Whole) {
+        return _mm256_loadu_ps(base);
+    } else {
+        __m256 samples, next;
+        if constexpr (reach == Reach::Near) {
+            samples = _mm256_permutevar8x32_ps(_mm256_loadu_ps(base), group.offsets);
+            next = _mm256_permutevar8x32_ps(_mm256_loadu_ps(base + 1), group.offsets);
+        } else {
+            const __m256 low = _mm256_loadu_ps(base);
+            const __m256 high = _mm256_loadu_ps(base + 8);
+            samples = pick(low, high, group.offsets, group.highLanes);
+            next = pick(low, high, group.nextOffsets, group.nextHighLanes);
+        }
+        const __m256 line = _mm256_add_ps(samples, _mm256_mul_ps(_mm256_sub_ps(next, samples), group.fractions));
+        return group.anyWhole ? _mm256_blendv_ps(line, samples, group.whole) : line;
+    }
+}
+
+// A group that reaches a layer's last samples: lane by lane, with the bounds
+// checks the loads of the bulk leave out.
+TOBRIN_AVX2 void addEdgeGroup(const SoundingLayer& layer, const Group& group, std::uint32_t frame, __m256& mixLeft,
+                              __m256& mixRight) {
+    alignas(32) std::int32_t offsets[8];
+    alignas(32) float fractions[8];
+    alignas(32) float left[8] = {};
+    alignas(32) float right[8] = {};
+    _mm256_store_si256(reinterpret_cast<__m256i*>(offsets), group.offsets);
+    _mm256_store_ps(fractions, group.fractions);
+    for (std::uint32_t j = 0; j < 8; ++j) {
+        const float gain = layer.gains != nullptr ? layer.gains[frame + j] : layer.gain;
+        addFrame(layer, group.first + std::uint32_t(offsets[j]), fractions[j], gain, left[j], right[j]);
+    }
+    mixLeft = _mm256_add_ps(mixLeft, _mm256_load_ps(left));
+    mixRight = _mm256_add_ps(mixRight, _mm256_load_ps(right));
+}
+
+template <Reach reach>
+TOBRIN_AVX2 inline void mixGroup(const SoundingLayer* layers, int count, const Group& group, std::uint32_t frame,
+                                 __m256& mixLeft, __m256& mixRight) {
+    for (int l = 0; l < count; ++l) {
+        const SoundingLayer& layer = layers[l];
+        if (std::uint64_t(group.first) + 16 <= layer.frames) {
+            const __m256 gain = layer.gains != nullptr ? _mm256_loadu_ps(layer.gains + frame) : _mm256_set1_ps(layer.gain);
+            __m256 left = _mm256_mul_ps(gain, interpolated<reach>(layer.left, group));
+            __m256 right = layer.right == layer.left ? left : _mm256_mul_ps(gain, interpolated<reach>(layer.right, group));
+            if (layer.gains != nullptr) {
+                // A zero gain adds nothing, whatever the sample holds.
+                const __m256 silent = _mm256_cmp_ps(gain, _mm256_setzero_ps(), _CMP_EQ_OQ);
+                left = _mm256_andnot_ps(silent, left);
+                right = _mm256_andnot_ps(silent, right);
+            }
+            mixLeft = _mm256_add_ps(mixLeft, left);
+            mixRight = _mm256_add_ps(mixRight, right);
+        } else if (group.first < layer.frames) {
+            addEdgeGroup(layer, group, frame, mixLeft, mixRight);
+        }
+    }
+}
+
+} // namespace
+
+bool cpuSupportsVectorMix() { return __builtin_cpu_supports("avx2"); }
+
+TOBRIN_AVX2 void mixChunkVector(const TBMixer& mixer, const Voice& voice, double first, std::uint32_t count,
+                                bool ramped, float* left, float* right) {
+    SoundingLayer layers[layerCount];
+    int sounding = 0;
+    for (int l = 0; l < layerCount; ++l) {
+        const VoiceLayer& layer = voice.layers[l];
+        if (layer.left == nullptr || (!ramped && voice.gain[l] == 0.0f)) continue;
+        layers[sounding++] = {layer.left, layer.right, layer.frames, voice.gain[l],
+                              ramped ? mixer.rampGains[l] : nullptr};
+    }
+    if (sounding == 0) return;
+
+    const __m256d rate = _mm256_set1_pd(voice.rate);
+    const __m256 panLeft = _mm256_set1_ps(voice.panLeft);
+    const __m256 panRight = _mm256_set1_ps(voice.panRight);
+    const bool wholeRate = voice.rate == 1.0;
+    std::uint32_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const Group group = locate(first + i, rate);
+        __m256 mixLeft = _mm256_setzero_ps();
+        __m256 mixRight = _mm256_setzero_ps();
+        if (wholeRate) {
+            mixGroup<Reach::Whole>(layers, sounding, group, i, mixLeft, mixRight);
+        } else if (group.span <= 7) {
+            mixGroup<Reach::Near>(layers, sounding, group, i, mixLeft, mixRight);
+        } else {
+            assert(group.span <= 14 && "rates of 2 and above take the portable path");
+            mixGroup<Reach::Wide>(layers, sounding, group, i, mixLeft, mixRight);
+        }
+        const __m256 panned = _mm256_mul_ps(mixLeft, panLeft);
+        const __m256 pannedRight = _mm256_mul_ps(mixRight, panRight);
+        if (right != nullptr) {
+            _mm256_storeu_ps(left + i, _mm256_add_ps(_mm256_loadu_ps(left + i), panned));
+            _mm256_storeu_ps(right + i, _mm256_add_ps(_mm256_loadu_ps(right + i), pannedRight));
+        } else {
+            const __m256 half = _mm256_mul_ps(_mm256_set1_ps(0.5f), _mm256_add_ps(panned, pannedRight));
+            _mm256_storeu_ps(left + i, _mm256_add_ps(_mm256_loadu_ps(left + i), half));
+        }
+    }
+
+    // The frames after the last whole group, one at a time.
+    for (; i < count; ++i) {
+        const double position = (first + i) * voice.rate;
+        const auto k = static_cast<std::uint32_t>(static_cast<std::int64_t>(position));
+        const float fraction = static_cast<float>(position - double(k));
+        float mixLeft = 0.0f;
+        float mixRight = 0.0f;
+        for (int l = 0; l < sounding; ++l) {
+            const SoundingLayer& layer = layers[l];
+            addFrame(layer, k, fraction, layer.gains != nullptr ? layer.gains[i] : layer.gain, mixLeft, mixRight);
+        }
+        if (right != nullptr) {
+            left[i] += mixLeft * voice.panLeft;
+            right[i] += mixRight * voice.panRight;
+        } else {
+            left[i] += 0.5f * (mixLeft * voice.panLeft + mixRight * voice.panRight);
+        }
+    }
+}
+
+} // namespace tobrin::mixer
+
+#endif
