@@ -34,7 +34,14 @@ struct Takes {
     }
 };
 
-TBCommand voiceStart(const Takes& takes, int v, std::uint32_t tag) {
+// The voices' rates: 0.97 + 0.002 × voice by default, a typist's pitch
+// variation around 1 that is never exactly 1.
+struct Rates {
+    float first = 0.97f;
+    float step = 0.002f;
+};
+
+TBCommand voiceStart(const Takes& takes, int v, std::uint32_t tag, Rates rates) {
     TBCommand command{};
     command.type = TB_COMMAND_START;
     command.tag = tag;
@@ -43,7 +50,7 @@ TBCommand voiceStart(const Takes& takes, int v, std::uint32_t tag) {
         command.weights[l] = 0.1f + 0.05f * float(l);
     }
     command.pan = float(v) / 16.0f - 1.0f;
-    command.rate = 0.97f + 0.002f * float(v); // never exactly 1
+    command.rate = rates.first + rates.step * float(v);
     return command;
 }
 
@@ -51,28 +58,28 @@ TBCommand voiceStart(const Takes& takes, int v, std::uint32_t tag) {
 // differ. (Started in the same block, all voices would read the same offsets of
 // page-aligned buffers, and the 256 streams would fight over the same cache
 // sets: a load no typist produces.)
-void startThirtyTwoVoices(TBMixer* mixer, const Takes& takes, std::uint32_t& tag) {
+void startThirtyTwoVoices(TBMixer* mixer, const Takes& takes, std::uint32_t& tag, Rates rates = {}) {
     std::vector<float> left(blockFrames), right(blockFrames);
     for (int v = 0; v < 32; ++v) {
-        const TBCommand command = voiceStart(takes, v, ++tag);
+        const TBCommand command = voiceStart(takes, v, ++tag, rates);
         tb_mixer_push(mixer, &command);
         tb_mixer_render(mixer, left.data(), right.data(), blockFrames);
     }
 }
 
-void BM_RenderBlock32Voices4Layers(benchmark::State& state) {
+void renderThirtyTwoVoices(benchmark::State& state, Rates rates) {
     const Takes takes;
     TBMixer* mixer = tb_mixer_create(48000, 4);
     std::vector<float> left(blockFrames), right(blockFrames);
     std::uint32_t tag = 0;
-    startThirtyTwoVoices(mixer, takes, tag);
+    startThirtyTwoVoices(mixer, takes, tag, rates);
     for (auto _ : state) {
         tb_mixer_render(mixer, left.data(), right.data(), blockFrames);
         benchmark::DoNotOptimize(left.data());
         benchmark::DoNotOptimize(right.data());
         if (tb_mixer_active_voices(mixer) < 32) {
             state.PauseTiming();
-            startThirtyTwoVoices(mixer, takes, tag);
+            startThirtyTwoVoices(mixer, takes, tag, rates);
             state.ResumeTiming();
         }
     }
@@ -82,7 +89,19 @@ void BM_RenderBlock32Voices4Layers(benchmark::State& state) {
     state.counters["voices"] = double(tb_mixer_active_voices(mixer));
     tb_mixer_destroy(mixer);
 }
+
+void BM_RenderBlock32Voices4Layers(benchmark::State& state) { renderThirtyTwoVoices(state, {}); }
 BENCHMARK(BM_RenderBlock32Voices4Layers);
+
+// The same at other rates, which read their samples differently: all at
+// exactly 1 (no interpolation), all between 1.4 and 1.46, and all between 2.2
+// and 2.26 (beyond the span of the AVX2 path).
+void BM_RenderBlock32VoicesUnityRate(benchmark::State& state) { renderThirtyTwoVoices(state, {1.0f, 0.0f}); }
+BENCHMARK(BM_RenderBlock32VoicesUnityRate);
+void BM_RenderBlock32VoicesFast(benchmark::State& state) { renderThirtyTwoVoices(state, {1.4f, 0.002f}); }
+BENCHMARK(BM_RenderBlock32VoicesFast);
+void BM_RenderBlock32VoicesVeryFast(benchmark::State& state) { renderThirtyTwoVoices(state, {2.2f, 0.002f}); }
+BENCHMARK(BM_RenderBlock32VoicesVeryFast);
 
 // The same block while every voice crossfades its weights (the refinement case).
 void BM_RenderBlock32VoicesRamping(benchmark::State& state) {
