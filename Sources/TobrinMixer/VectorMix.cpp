@@ -79,8 +79,7 @@ enum class Reach {
 
 TOBRIN_AVX2 inline __m256 pick(__m256 low, __m256 high, __m256i offsets, __m256 highLanes) {
     // The permute uses the low three bits of each offset; bit 3 chooses the half.
-    return _mm256_blendv_ps(_mm256_permutevar8x32_ps(low, offsets), _mm256_permutevar8x32_ps(high, offsets),
-                            highLanes);
+    return _mm256_blendv_ps(_mm256_permutevar8x32_ps(low, offsets), _mm256_permutevar8x32_ps(high, offsets), highLanes);
 }
 
 template <Reach reach>
@@ -128,9 +127,11 @@ TOBRIN_AVX2 inline void mixGroup(const SoundingLayer* layers, int count, const G
     for (int l = 0; l < count; ++l) {
         const SoundingLayer& layer = layers[l];
         if (std::uint64_t(group.first) + 16 <= layer.frames) {
-            const __m256 gain = layer.gains != nullptr ? _mm256_loadu_ps(layer.gains + frame) : _mm256_set1_ps(layer.gain);
+            const __m256 gain =
+                layer.gains != nullptr ? _mm256_loadu_ps(layer.gains + frame) : _mm256_set1_ps(layer.gain);
             __m256 left = _mm256_mul_ps(gain, interpolated<reach>(layer.left, group));
-            __m256 right = layer.right == layer.left ? left : _mm256_mul_ps(gain, interpolated<reach>(layer.right, group));
+            __m256 right =
+                layer.right == layer.left ? left : _mm256_mul_ps(gain, interpolated<reach>(layer.right, group));
             if (layer.gains != nullptr) {
                 // A zero gain adds nothing, whatever the sample holds.
                 const __m256 silent = _mm256_cmp_ps(gain, _mm256_setzero_ps(), _CMP_EQ_OQ);
