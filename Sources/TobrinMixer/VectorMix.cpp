@@ -103,10 +103,18 @@ TOBRIN_AVX2 inline __m256 interpolated(const float* channel, const Group& group)
     }
 }
 
+// A voice's two channels across a group's eight frames.
+struct StereoGroup {
+    __m256 left;
+    __m256 right;
+};
+
 // A group that reaches a layer's last samples: lane by lane, with the bounds
-// checks the loads of the bulk leave out.
-TOBRIN_AVX2 void addEdgeGroup(const SoundingLayer& layer, const Group& group, std::uint32_t frame, __m256& mixLeft,
-                              __m256& mixRight) {
+// checks the loads of the bulk leave out. Rare, so kept out of line, where it
+// does not push the hot loop's sums out of registers.
+template <bool Ramped>
+TOBRIN_AVX2 __attribute__((noinline)) StereoGroup edgeGroup(const SoundingLayer& layer, const Group& group,
+                                                            std::uint32_t frame) {
     alignas(32) std::int32_t offsets[8];
     alignas(32) float fractions[8];
     alignas(32) float left[8] = {};
@@ -114,34 +122,87 @@ TOBRIN_AVX2 void addEdgeGroup(const SoundingLayer& layer, const Group& group, st
     _mm256_store_si256(reinterpret_cast<__m256i*>(offsets), group.offsets);
     _mm256_store_ps(fractions, group.fractions);
     for (std::uint32_t j = 0; j < 8; ++j) {
-        const float gain = layer.gains != nullptr ? layer.gains[frame + j] : layer.gain;
+        const float gain = Ramped ? layer.gains[frame + j] : layer.gain;
         addFrame(layer, group.first + std::uint32_t(offsets[j]), fractions[j], gain, left[j], right[j]);
     }
-    mixLeft = _mm256_add_ps(mixLeft, _mm256_load_ps(left));
-    mixRight = _mm256_add_ps(mixRight, _mm256_load_ps(right));
+    return {_mm256_load_ps(left), _mm256_load_ps(right)};
 }
 
-template <Reach reach>
-TOBRIN_AVX2 inline void mixGroup(const SoundingLayer* layers, int count, const Group& group, std::uint32_t frame,
-                                 __m256& mixLeft, __m256& mixRight) {
+// The sum of the sounding layers over one group, layer by layer in order.
+template <Reach reach, bool Ramped>
+TOBRIN_AVX2 inline StereoGroup mixGroup(const SoundingLayer* layers, int count, const Group& group,
+                                        std::uint32_t frame) {
+    StereoGroup mix{_mm256_setzero_ps(), _mm256_setzero_ps()};
     for (int l = 0; l < count; ++l) {
         const SoundingLayer& layer = layers[l];
         if (std::uint64_t(group.first) + 16 <= layer.frames) {
-            const __m256 gain =
-                layer.gains != nullptr ? _mm256_loadu_ps(layer.gains + frame) : _mm256_set1_ps(layer.gain);
+            const __m256 gain = Ramped ? _mm256_loadu_ps(layer.gains + frame) : _mm256_set1_ps(layer.gain);
             __m256 left = _mm256_mul_ps(gain, interpolated<reach>(layer.left, group));
             __m256 right =
                 layer.right == layer.left ? left : _mm256_mul_ps(gain, interpolated<reach>(layer.right, group));
-            if (layer.gains != nullptr) {
+            if constexpr (Ramped) {
                 // A zero gain adds nothing, whatever the sample holds.
                 const __m256 silent = _mm256_cmp_ps(gain, _mm256_setzero_ps(), _CMP_EQ_OQ);
                 left = _mm256_andnot_ps(silent, left);
                 right = _mm256_andnot_ps(silent, right);
             }
-            mixLeft = _mm256_add_ps(mixLeft, left);
-            mixRight = _mm256_add_ps(mixRight, right);
+            mix.left = _mm256_add_ps(mix.left, left);
+            mix.right = _mm256_add_ps(mix.right, right);
         } else if (group.first < layer.frames) {
-            addEdgeGroup(layer, group, frame, mixLeft, mixRight);
+            const StereoGroup edge = edgeGroup<Ramped>(layer, group, frame);
+            mix.left = _mm256_add_ps(mix.left, edge.left);
+            mix.right = _mm256_add_ps(mix.right, edge.right);
+        }
+    }
+    return mix;
+}
+
+template <bool Ramped>
+TOBRIN_AVX2 void mixChunk(const SoundingLayer* layers, int sounding, const Voice& voice, double first,
+                          std::uint32_t count, float* left, float* right) {
+    const __m256d rate = _mm256_set1_pd(voice.rate);
+    const __m256 panLeft = _mm256_set1_ps(voice.panLeft);
+    const __m256 panRight = _mm256_set1_ps(voice.panRight);
+    const bool wholeRate = voice.rate == 1.0;
+    std::uint32_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const Group group = locate(first + i, rate);
+        StereoGroup mix;
+        if (wholeRate) {
+            mix = mixGroup<Reach::Whole, Ramped>(layers, sounding, group, i);
+        } else if (group.span <= 7) {
+            mix = mixGroup<Reach::Near, Ramped>(layers, sounding, group, i);
+        } else {
+            assert(group.span <= 14 && "rates of 2 and above take the portable path");
+            mix = mixGroup<Reach::Wide, Ramped>(layers, sounding, group, i);
+        }
+        const __m256 pannedLeft = _mm256_mul_ps(mix.left, panLeft);
+        const __m256 pannedRight = _mm256_mul_ps(mix.right, panRight);
+        if (right != nullptr) {
+            _mm256_storeu_ps(left + i, _mm256_add_ps(_mm256_loadu_ps(left + i), pannedLeft));
+            _mm256_storeu_ps(right + i, _mm256_add_ps(_mm256_loadu_ps(right + i), pannedRight));
+        } else {
+            const __m256 half = _mm256_mul_ps(_mm256_set1_ps(0.5f), _mm256_add_ps(pannedLeft, pannedRight));
+            _mm256_storeu_ps(left + i, _mm256_add_ps(_mm256_loadu_ps(left + i), half));
+        }
+    }
+
+    // The frames after the last whole group, one at a time.
+    for (; i < count; ++i) {
+        const double position = (first + i) * voice.rate;
+        const auto k = static_cast<std::uint32_t>(static_cast<std::int64_t>(position));
+        const float fraction = static_cast<float>(position - double(k));
+        float mixLeft = 0.0f;
+        float mixRight = 0.0f;
+        for (int l = 0; l < sounding; ++l) {
+            const SoundingLayer& layer = layers[l];
+            addFrame(layer, k, fraction, Ramped ? layer.gains[i] : layer.gain, mixLeft, mixRight);
+        }
+        if (right != nullptr) {
+            left[i] += mixLeft * voice.panLeft;
+            right[i] += mixRight * voice.panRight;
+        } else {
+            left[i] += 0.5f * (mixLeft * voice.panLeft + mixRight * voice.panRight);
         }
     }
 }
@@ -161,52 +222,10 @@ TOBRIN_AVX2 void mixChunkVector(const TBMixer& mixer, const Voice& voice, double
                               ramped ? mixer.rampGains[l] : nullptr};
     }
     if (sounding == 0) return;
-
-    const __m256d rate = _mm256_set1_pd(voice.rate);
-    const __m256 panLeft = _mm256_set1_ps(voice.panLeft);
-    const __m256 panRight = _mm256_set1_ps(voice.panRight);
-    const bool wholeRate = voice.rate == 1.0;
-    std::uint32_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        const Group group = locate(first + i, rate);
-        __m256 mixLeft = _mm256_setzero_ps();
-        __m256 mixRight = _mm256_setzero_ps();
-        if (wholeRate) {
-            mixGroup<Reach::Whole>(layers, sounding, group, i, mixLeft, mixRight);
-        } else if (group.span <= 7) {
-            mixGroup<Reach::Near>(layers, sounding, group, i, mixLeft, mixRight);
-        } else {
-            assert(group.span <= 14 && "rates of 2 and above take the portable path");
-            mixGroup<Reach::Wide>(layers, sounding, group, i, mixLeft, mixRight);
-        }
-        const __m256 panned = _mm256_mul_ps(mixLeft, panLeft);
-        const __m256 pannedRight = _mm256_mul_ps(mixRight, panRight);
-        if (right != nullptr) {
-            _mm256_storeu_ps(left + i, _mm256_add_ps(_mm256_loadu_ps(left + i), panned));
-            _mm256_storeu_ps(right + i, _mm256_add_ps(_mm256_loadu_ps(right + i), pannedRight));
-        } else {
-            const __m256 half = _mm256_mul_ps(_mm256_set1_ps(0.5f), _mm256_add_ps(panned, pannedRight));
-            _mm256_storeu_ps(left + i, _mm256_add_ps(_mm256_loadu_ps(left + i), half));
-        }
-    }
-
-    // The frames after the last whole group, one at a time.
-    for (; i < count; ++i) {
-        const double position = (first + i) * voice.rate;
-        const auto k = static_cast<std::uint32_t>(static_cast<std::int64_t>(position));
-        const float fraction = static_cast<float>(position - double(k));
-        float mixLeft = 0.0f;
-        float mixRight = 0.0f;
-        for (int l = 0; l < sounding; ++l) {
-            const SoundingLayer& layer = layers[l];
-            addFrame(layer, k, fraction, layer.gains != nullptr ? layer.gains[i] : layer.gain, mixLeft, mixRight);
-        }
-        if (right != nullptr) {
-            left[i] += mixLeft * voice.panLeft;
-            right[i] += mixRight * voice.panRight;
-        } else {
-            left[i] += 0.5f * (mixLeft * voice.panLeft + mixRight * voice.panRight);
-        }
+    if (ramped) {
+        mixChunk<true>(layers, sounding, voice, first, count, left, right);
+    } else {
+        mixChunk<false>(layers, sounding, voice, first, count, left, right);
     }
 }
 
