@@ -33,19 +33,31 @@ inline void addFrame(const SoundingLayer& layer, std::uint32_t k, float fraction
     right += gain * interpolate(layer.right[k], last ? 0.0f : layer.right[k + 1], fraction);
 }
 
+// How a group's samples are fetched from one channel, chosen by the voice's
+// rate. Eight frames at rate r cover whole parts from `first` to
+// first + floor(fraction + 7r).
+enum class Reach {
+    Whole, // rate 1: the eight samples from `first` on, no interpolation
+    Near,  // rate below 1, within 8 samples: one load for the samples, one for their neighbours
+    Step,  // rate up to 8/7, within 9 samples; every frame after the first moves on by at
+           // least one, so lanes 1-7 read the loads at first + 1 and + 2, lane 0 those at + 0 and + 1
+    Wide,  // rate below 2, within 15 samples: two loads, and each lane picks from one
+};
+
 // Where the eight frames of a group read.
 struct Group {
     std::uint32_t first; // whole part of the first frame's position
-    std::uint32_t span;  // whole part of the last frame's position, minus first
     __m256i offsets;     // each frame's whole part, minus first
-    __m256i nextOffsets; // offsets + 1, for the right-hand neighbour
-    __m256 highLanes;    // sign bit set where offsets ≥ 8
+    __m256i stepped;     // Step: offsets - 1 (lane 0 is replaced)
+    __m256i nextOffsets; // Wide: offsets + 1, for the right-hand neighbour
+    __m256 highLanes;    // Wide: sign bit set where offsets >= 8
     __m256 nextHighLanes;
     __m256 fractions;
     __m256 whole; // lanes whose fraction is 0: they take sample k itself
     bool anyWhole;
 };
 
+template <Reach reach>
 TOBRIN_AVX2 inline Group locate(double frame, __m256d rate) {
     const __m256d framesLow = _mm256_add_pd(_mm256_set1_pd(frame), _mm256_setr_pd(0, 1, 2, 3));
     const __m256d framesHigh = _mm256_add_pd(framesLow, _mm256_set1_pd(4));
@@ -59,23 +71,25 @@ TOBRIN_AVX2 inline Group locate(double frame, __m256d rate) {
 
     Group group;
     group.first = std::uint32_t(_mm_cvtsi128_si32(wholeLow));
-    group.span = std::uint32_t(_mm_extract_epi32(wholeHigh, 3)) - group.first;
     group.offsets = _mm256_sub_epi32(_mm256_set_m128i(wholeHigh, wholeLow), _mm256_set1_epi32(int(group.first)));
-    group.nextOffsets = _mm256_add_epi32(group.offsets, _mm256_set1_epi32(1));
-    group.highLanes = _mm256_castsi256_ps(_mm256_slli_epi32(group.offsets, 28));
-    group.nextHighLanes = _mm256_castsi256_ps(_mm256_slli_epi32(group.nextOffsets, 28));
+    if constexpr (reach == Reach::Step) {
+        group.stepped = _mm256_sub_epi32(group.offsets, _mm256_set1_epi32(1));
+    }
+    if constexpr (reach == Reach::Wide) {
+        group.nextOffsets = _mm256_add_epi32(group.offsets, _mm256_set1_epi32(1));
+        group.highLanes = _mm256_castsi256_ps(_mm256_slli_epi32(group.offsets, 28));
+        group.nextHighLanes = _mm256_castsi256_ps(_mm256_slli_epi32(group.nextOffsets, 28));
+    }
     group.fractions = _mm256_set_m128(fractionsHigh, fractionsLow);
     group.whole = _mm256_cmp_ps(group.fractions, _mm256_setzero_ps(), _CMP_EQ_OQ);
     group.anyWhole = _mm256_movemask_ps(group.whole) != 0;
+#ifndef NDEBUG
+    const int span = _mm_extract_epi32(wholeHigh, 3) - int(group.first);
+    constexpr int reachable = reach == Reach::Near ? 7 : reach == Reach::Step ? 8 : reach == Reach::Wide ? 14 : 7;
+    assert(span <= reachable && "the voice's rate chose a reach too short for its positions");
+#endif
     return group;
 }
-
-// How a group's samples are fetched from one channel.
-enum class Reach {
-    Whole, // rate 1: the eight samples from `first` on, no interpolation
-    Near,  // within 9 samples: one load for the samples, one for their neighbours
-    Wide,  // within 16 samples (any rate below 2): two loads, each lane picks from one
-};
 
 TOBRIN_AVX2 inline __m256 pick(__m256 low, __m256 high, __m256i offsets, __m256 highLanes) {
     // The permute uses the low three bits of each offset; bit 3 chooses the half.
@@ -92,6 +106,12 @@ TOBRIN_AVX2 inline __m256 interpolated(const float* channel, const Group& group)
         if constexpr (reach == Reach::Near) {
             samples = _mm256_permutevar8x32_ps(_mm256_loadu_ps(base), group.offsets);
             next = _mm256_permutevar8x32_ps(_mm256_loadu_ps(base + 1), group.offsets);
+        } else if constexpr (reach == Reach::Step) {
+            const __m256 atFirst = _mm256_loadu_ps(base);
+            const __m256 afterFirst = _mm256_loadu_ps(base + 1);
+            samples = _mm256_blend_ps(_mm256_permutevar8x32_ps(afterFirst, group.stepped), atFirst, 0x01);
+            next =
+                _mm256_blend_ps(_mm256_permutevar8x32_ps(_mm256_loadu_ps(base + 2), group.stepped), afterFirst, 0x01);
         } else {
             const __m256 low = _mm256_loadu_ps(base);
             const __m256 high = _mm256_loadu_ps(base + 8);
@@ -157,25 +177,16 @@ TOBRIN_AVX2 inline StereoGroup mixGroup(const SoundingLayer* layers, int count, 
     return mix;
 }
 
-template <bool Ramped>
+template <Reach reach, bool Ramped>
 TOBRIN_AVX2 void mixChunk(const SoundingLayer* layers, int sounding, const Voice& voice, double first,
                           std::uint32_t count, float* left, float* right) {
     const __m256d rate = _mm256_set1_pd(voice.rate);
     const __m256 panLeft = _mm256_set1_ps(voice.panLeft);
     const __m256 panRight = _mm256_set1_ps(voice.panRight);
-    const bool wholeRate = voice.rate == 1.0;
     std::uint32_t i = 0;
     for (; i + 8 <= count; i += 8) {
-        const Group group = locate(first + i, rate);
-        StereoGroup mix;
-        if (wholeRate) {
-            mix = mixGroup<Reach::Whole, Ramped>(layers, sounding, group, i);
-        } else if (group.span <= 7) {
-            mix = mixGroup<Reach::Near, Ramped>(layers, sounding, group, i);
-        } else {
-            assert(group.span <= 14 && "rates of 2 and above take the portable path");
-            mix = mixGroup<Reach::Wide, Ramped>(layers, sounding, group, i);
-        }
+        const Group group = locate<reach>(first + i, rate);
+        const StereoGroup mix = mixGroup<reach, Ramped>(layers, sounding, group, i);
         const __m256 pannedLeft = _mm256_mul_ps(mix.left, panLeft);
         const __m256 pannedRight = _mm256_mul_ps(mix.right, panRight);
         if (right != nullptr) {
@@ -207,6 +218,16 @@ TOBRIN_AVX2 void mixChunk(const SoundingLayer* layers, int sounding, const Voice
     }
 }
 
+using ChunkMixer = void (*)(const SoundingLayer*, int, const Voice&, double, std::uint32_t, float*, float*);
+
+// By reach, then without and with a ramp.
+constexpr ChunkMixer chunkMixers[4][2] = {
+    {mixChunk<Reach::Whole, false>, mixChunk<Reach::Whole, true>},
+    {mixChunk<Reach::Near, false>, mixChunk<Reach::Near, true>},
+    {mixChunk<Reach::Step, false>, mixChunk<Reach::Step, true>},
+    {mixChunk<Reach::Wide, false>, mixChunk<Reach::Wide, true>},
+};
+
 } // namespace
 
 bool cpuSupportsVectorMix() { return __builtin_cpu_supports("avx2"); }
@@ -222,11 +243,12 @@ TOBRIN_AVX2 void mixChunkVector(const TBMixer& mixer, const Voice& voice, double
                               ramped ? mixer.rampGains[l] : nullptr};
     }
     if (sounding == 0) return;
-    if (ramped) {
-        mixChunk<true>(layers, sounding, voice, first, count, left, right);
-    } else {
-        mixChunk<false>(layers, sounding, voice, first, count, left, right);
-    }
+
+    const Reach reach = voice.rate == 1.0         ? Reach::Whole
+                        : voice.rate < 1.0        ? Reach::Near
+                        : 7.0 * voice.rate <= 8.0 ? Reach::Step
+                                                  : Reach::Wide;
+    chunkMixers[int(reach)][ramped ? 1 : 0](layers, sounding, voice, first, count, left, right);
 }
 
 } // namespace tobrin::mixer
