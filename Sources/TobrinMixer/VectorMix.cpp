@@ -7,6 +7,7 @@
 
 #if defined(TOBRIN_MIXER_VECTOR)
 
+#include <algorithm>
 #include <cassert>
 #include <immintrin.h>
 
@@ -149,13 +150,15 @@ TOBRIN_AVX2 __attribute__((noinline)) StereoGroup edgeGroup(const SoundingLayer&
 }
 
 // The sum of the sounding layers over one group, layer by layer in order.
-template <Reach reach, bool Ramped>
+// `Bounded` when some layer may end within the group's reach (16 samples from
+// `first`); otherwise every load is known to lie inside every layer.
+template <Reach reach, bool Ramped, bool Bounded>
 TOBRIN_AVX2 inline StereoGroup mixGroup(const SoundingLayer* layers, int count, const Group& group,
                                         std::uint32_t frame) {
     StereoGroup mix{_mm256_setzero_ps(), _mm256_setzero_ps()};
     for (int l = 0; l < count; ++l) {
         const SoundingLayer& layer = layers[l];
-        if (std::uint64_t(group.first) + 16 <= layer.frames) {
+        if (!Bounded || std::uint64_t(group.first) + 16 <= layer.frames) {
             const __m256 gain = Ramped ? _mm256_loadu_ps(layer.gains + frame) : _mm256_set1_ps(layer.gain);
             __m256 left = _mm256_mul_ps(gain, interpolated<reach>(layer.left, group));
             __m256 right =
@@ -183,10 +186,14 @@ TOBRIN_AVX2 void mixChunk(const SoundingLayer* layers, int sounding, const Voice
     const __m256d rate = _mm256_set1_pd(voice.rate);
     const __m256 panLeft = _mm256_set1_ps(voice.panLeft);
     const __m256 panRight = _mm256_set1_ps(voice.panRight);
+    std::uint64_t shortest = layers[0].frames;
+    for (int l = 1; l < sounding; ++l) shortest = std::min(shortest, layers[l].frames);
     std::uint32_t i = 0;
     for (; i + 8 <= count; i += 8) {
         const Group group = locate<reach>(first + i, rate);
-        const StereoGroup mix = mixGroup<reach, Ramped>(layers, sounding, group, i);
+        const StereoGroup mix = std::uint64_t(group.first) + 16 <= shortest
+                                    ? mixGroup<reach, Ramped, false>(layers, sounding, group, i)
+                                    : mixGroup<reach, Ramped, true>(layers, sounding, group, i);
         const __m256 pannedLeft = _mm256_mul_ps(mix.left, panLeft);
         const __m256 pannedRight = _mm256_mul_ps(mix.right, panRight);
         if (right != nullptr) {
