@@ -58,12 +58,9 @@ struct Group {
     bool anyWhole;
 };
 
+// The group whose eight read positions are `positionsLow` and `positionsHigh`.
 template <Reach reach>
-TOBRIN_AVX2 inline Group locate(double frame, __m256d rate) {
-    const __m256d framesLow = _mm256_add_pd(_mm256_set1_pd(frame), _mm256_setr_pd(0, 1, 2, 3));
-    const __m256d framesHigh = _mm256_add_pd(framesLow, _mm256_set1_pd(4));
-    const __m256d positionsLow = _mm256_mul_pd(framesLow, rate);
-    const __m256d positionsHigh = _mm256_mul_pd(framesHigh, rate);
+TOBRIN_AVX2 inline Group locate(__m256d positionsLow, __m256d positionsHigh) {
     // Positions are below 2^28: truncating to 32 bits is the floor.
     const __m128i wholeLow = _mm256_cvttpd_epi32(positionsLow);
     const __m128i wholeHigh = _mm256_cvttpd_epi32(positionsHigh);
@@ -134,17 +131,20 @@ struct StereoGroup {
 // checks the loads of the bulk leave out. Rare, so kept out of line, where it
 // does not push the hot loop's sums out of registers.
 template <bool Ramped>
-TOBRIN_AVX2 __attribute__((noinline)) StereoGroup edgeGroup(const SoundingLayer& layer, const Group& group,
+// (The group's fields come by value, so the caller need not keep the group in
+// memory.)
+TOBRIN_AVX2 __attribute__((noinline)) StereoGroup edgeGroup(const SoundingLayer& layer, std::uint32_t first,
+                                                            __m256i groupOffsets, __m256 groupFractions,
                                                             std::uint32_t frame) {
     alignas(32) std::int32_t offsets[8];
     alignas(32) float fractions[8];
     alignas(32) float left[8] = {};
     alignas(32) float right[8] = {};
-    _mm256_store_si256(reinterpret_cast<__m256i*>(offsets), group.offsets);
-    _mm256_store_ps(fractions, group.fractions);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(offsets), groupOffsets);
+    _mm256_store_ps(fractions, groupFractions);
     for (std::uint32_t j = 0; j < 8; ++j) {
         const float gain = Ramped ? layer.gains[frame + j] : layer.gain;
-        addFrame(layer, group.first + std::uint32_t(offsets[j]), fractions[j], gain, left[j], right[j]);
+        addFrame(layer, first + std::uint32_t(offsets[j]), fractions[j], gain, left[j], right[j]);
     }
     return {_mm256_load_ps(left), _mm256_load_ps(right)};
 }
@@ -172,7 +172,7 @@ TOBRIN_AVX2 inline StereoGroup mixGroup(const SoundingLayer* layers, int count, 
             mix.left = _mm256_add_ps(mix.left, left);
             mix.right = _mm256_add_ps(mix.right, right);
         } else if (group.first < layer.frames) {
-            const StereoGroup edge = edgeGroup<Ramped>(layer, group, frame);
+            const StereoGroup edge = edgeGroup<Ramped>(layer, group.first, group.offsets, group.fractions, frame);
             mix.left = _mm256_add_ps(mix.left, edge.left);
             mix.right = _mm256_add_ps(mix.right, edge.right);
         }
@@ -183,14 +183,22 @@ TOBRIN_AVX2 inline StereoGroup mixGroup(const SoundingLayer* layers, int count, 
 template <Reach reach, bool Ramped>
 TOBRIN_AVX2 void mixChunk(const SoundingLayer* layers, int sounding, const Voice& voice, double first,
                           std::uint32_t count, float* left, float* right) {
+    // Stepping the positions by eight frames keeps them exact: each is still a
+    // whole number of rate steps below 2^28 (see exactPositionLimit).
     const __m256d rate = _mm256_set1_pd(voice.rate);
+    const __m256d eightFrames = _mm256_set1_pd(8.0 * voice.rate);
+    const __m256d framesLow = _mm256_add_pd(_mm256_set1_pd(first), _mm256_setr_pd(0, 1, 2, 3));
+    __m256d positionsLow = _mm256_mul_pd(framesLow, rate);
+    __m256d positionsHigh = _mm256_mul_pd(_mm256_add_pd(framesLow, _mm256_set1_pd(4)), rate);
     const __m256 panLeft = _mm256_set1_ps(voice.panLeft);
     const __m256 panRight = _mm256_set1_ps(voice.panRight);
     std::uint64_t shortest = layers[0].frames;
     for (int l = 1; l < sounding; ++l) shortest = std::min(shortest, layers[l].frames);
     std::uint32_t i = 0;
     for (; i + 8 <= count; i += 8) {
-        const Group group = locate<reach>(first + i, rate);
+        const Group group = locate<reach>(positionsLow, positionsHigh);
+        positionsLow = _mm256_add_pd(positionsLow, eightFrames);
+        positionsHigh = _mm256_add_pd(positionsHigh, eightFrames);
         const StereoGroup mix = std::uint64_t(group.first) + 16 <= shortest
                                     ? mixGroup<reach, Ramped, false>(layers, sounding, group, i)
                                     : mixGroup<reach, Ramped, true>(layers, sounding, group, i);
