@@ -129,10 +129,9 @@ struct StereoGroup {
 
 // A group that reaches a layer's last samples: lane by lane, with the bounds
 // checks the loads of the bulk leave out. Rare, so kept out of line, where it
-// does not push the hot loop's sums out of registers.
+// does not push the hot loop's sums out of registers; it takes the group's
+// fields by value so that the caller need not keep the group in memory.
 template <bool Ramped>
-// (The group's fields come by value, so the caller need not keep the group in
-// memory.)
 TOBRIN_AVX2 __attribute__((noinline)) StereoGroup edgeGroup(const SoundingLayer& layer, std::uint32_t first,
                                                             __m256i groupOffsets, __m256 groupFractions,
                                                             std::uint32_t frame) {
