@@ -26,7 +26,6 @@
 #include <cmath>
 #include <map>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace tobrin {

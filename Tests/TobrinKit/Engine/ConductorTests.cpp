@@ -71,25 +71,42 @@ EngineSettings fixedTier(Tier tier) {
 KeyEvent down(std::uint16_t code) { return KeyEvent{code, KeyAction::down, MachTime::now()}; }
 KeyEvent up(std::uint16_t code) { return KeyEvent{code, KeyAction::up, MachTime::now()}; }
 
+std::shared_ptr<AudioOutput> makeOutput() {
+    return std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
+}
+
+// A conductor on the null audio device playing `pack`, with its commands and
+// readings recorded. The recorder is declared first so that it outlives the
+// conductor whose callbacks write into it.
+struct Rig {
+    Recorder recorder;
+    std::shared_ptr<AudioOutput> audio = makeOutput();
+    Conductor conductor;
+
+    explicit Rig(std::shared_ptr<const LoadedPack> pack) : conductor(audio, nullptr) { prepare(std::move(pack)); }
+    Rig(std::shared_ptr<const LoadedPack> pack, Conductor::Timing timing) : conductor(audio, nullptr, timing) {
+        prepare(std::move(pack));
+    }
+
+private:
+    void prepare(std::shared_ptr<const LoadedPack> pack) {
+        recorder.attach(conductor, audio);
+        conductor.setPack(std::move(pack));
+    }
+};
+
 class ConductorTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { pack_ = fixtures::loadBuiltInPack("cream"); }
     static void TearDownTestSuite() { pack_.reset(); }
-
-    std::shared_ptr<AudioOutput> makeOutput() {
-        return std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
-    }
 
     static std::shared_ptr<const LoadedPack> pack_;
 };
 std::shared_ptr<const LoadedPack> ConductorTest::pack_;
 
 TEST_F(ConductorTest, SameKeyPlaysTheSameTakeAndDetuneAndKeysSpreadOverTakes) {
-    auto audio = makeOutput();
-    Conductor conductor(audio, nullptr);
-    Recorder recorder;
-    recorder.attach(conductor, audio);
-    conductor.setPack(pack_);
+    Rig rig(pack_);
+    auto& [recorder, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
 
     const std::vector<std::uint16_t> keys{0, 1, 2, 3, 5, 4, 38, 40, 37, 12, 13, 14, 0};
@@ -123,11 +140,8 @@ TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights)
         float low, high;
     };
     for (const Case c : {Case{Tier::slam, 2.7f, 3.0f}, Case{Tier::soft, 0.0f, 0.3f}, Case{Tier::medium, 0.7f, 1.3f}}) {
-        auto audio = makeOutput();
-        Conductor conductor(audio, nullptr);
-        Recorder recorder;
-        recorder.attach(conductor, audio);
-        conductor.setPack(pack_);
+        Rig rig(pack_);
+        auto& [recorder, audio, conductor] = rig;
         conductor.apply(fixedTier(c.tier), true);
         for (int i = 0; i < 120; ++i) conductor.handle(down(std::uint16_t(i % 8)));
         conductor.barrier();
@@ -158,11 +172,8 @@ TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights)
 }
 
 TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinFivePercent) {
-    auto audio = makeOutput();
-    Conductor conductor(audio, nullptr);
-    Recorder recorder;
-    recorder.attach(conductor, audio);
-    conductor.setPack(pack_);
+    Rig rig(pack_);
+    auto& [recorder, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
 
     const std::vector<std::uint16_t> keys{0, 1, 2, 49, 36, 51, 56, 12, 13, 14, 15, 17, 16, 32};
@@ -191,13 +202,10 @@ TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinF
 }
 
 TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeItsSound) {
-    auto audio = makeOutput();
     // Long enough that a slow sanitizer build cannot idle out again between the
     // second key-down and the checks after it.
-    Conductor conductor(audio, nullptr, Conductor::Timing{20ms, 1000, 2s});
-    Recorder recorder;
-    recorder.attach(conductor, audio);
-    conductor.setPack(pack_);
+    Rig rig(pack_, Conductor::Timing{20ms, 1000, 2s});
+    auto& [recorder, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
     conductor.barrier();
     EXPECT_TRUE(audio->isRunning());
@@ -223,11 +231,8 @@ TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeIt
 }
 
 TEST_F(ConductorTest, DisabledSoundSuspendsAndIgnoresKeysUntilEnabled) {
-    auto audio = makeOutput();
-    Conductor conductor(audio, nullptr);
-    Recorder recorder;
-    recorder.attach(conductor, audio);
-    conductor.setPack(pack_);
+    Rig rig(pack_);
+    auto& [recorder, audio, conductor] = rig;
     auto settings = fixedTier(Tier::hard);
     conductor.apply(settings, true);
     settings.enabled = false;
@@ -281,11 +286,8 @@ TEST_F(ConductorTest, AReplacedPackLivesUntilTheMixerHasFadedItsVoices) {
 }
 
 TEST_F(ConductorTest, AuditionPlaysTheSixteenKeyPhraseWithItsReleases) {
-    auto audio = makeOutput();
-    Conductor conductor(audio, nullptr);
-    Recorder recorder;
-    recorder.attach(conductor, audio);
-    conductor.setPack(pack_);
+    Rig rig(pack_);
+    auto& [recorder, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), false);
     conductor.audition();
 
