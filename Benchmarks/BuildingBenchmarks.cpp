@@ -2,7 +2,7 @@
 // the same signal, each taking the samples as it is given them (ours two
 // channel arrays, libebur128 interleaved frames).
 #include "TobrinKit/Building/Loudness.h"
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 
 #include <benchmark/benchmark.h>
 #include <ebur128.h>

@@ -6,14 +6,14 @@
 // The built-in packs come from the build tree (TOBRIN_BUILT_IN_PACKS_DIR).
 
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
-#include "TobrinKit/Engine/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/AudioOutput.h"
 #include "TobrinKit/Engine/Conductor.h"
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Engine/OfflineRenderer.h"
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Force/RecordedMotionSource.h"
 #include "TobrinKit/Force/SensorRecording.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackInfo.h"
 
 #include <benchmark/benchmark.h>

@@ -3,8 +3,8 @@
 // 44.1 kHz files (decoding and very-high-quality conversion to 48 kHz). The
 // files sit in the page cache after the first iteration, as they do when a
 // user switches between packs.
-#include "TobrinKit/Engine/SplitMix64.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 
 #include <benchmark/benchmark.h>
 #include <sndfile.h>

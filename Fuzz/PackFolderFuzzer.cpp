@@ -2,7 +2,7 @@
 // "\n--8<--\n": the first part is pack.json, the following parts are the
 // files named in `fileNames`, in order. A load must either fail with one of
 // the documented errors or give a pack whose every query is usable.
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackError.h"
 
 #include <cmath>

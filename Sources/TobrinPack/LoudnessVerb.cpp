@@ -2,7 +2,7 @@
 #include "Verbs.h"
 
 #include "TobrinKit/Building/Loudness.h"
-#include "TobrinKit/Engine/SampleBuffer.h"
+#include "TobrinKit/Engine/Samples/SampleBuffer.h"
 
 #include <cstdio>
 #include <exception>

@@ -5,7 +5,7 @@
 #include "TobrinKit/Building/WAVWriter.h"
 #include "TobrinKit/Engine/EngineSettings.h"
 #include "TobrinKit/Engine/OfflineRenderer.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackInfo.h"
 
 #include <charconv>

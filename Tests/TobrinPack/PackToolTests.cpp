@@ -1,6 +1,6 @@
 #include "TobrinKit/Building/Loudness.h"
 #include "TobrinKit/Building/WAVWriter.h"
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Packs/PackLibrary.h"
 
 #include "Support/IndependentReaders.h"

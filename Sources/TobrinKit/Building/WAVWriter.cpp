@@ -1,6 +1,6 @@
 #include "TobrinKit/Building/WAVWriter.h"
 
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 
 #include <atomic>
 #include <cerrno>

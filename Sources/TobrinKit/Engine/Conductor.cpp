@@ -1,9 +1,9 @@
 #include "TobrinKit/Engine/Conductor.h"
 
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Input/KeyLayout.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 
 #include <algorithm>
 #include <cmath>

@@ -20,11 +20,11 @@
 // until the mixer has faded its voices out, so the render thread never reads
 // freed memory; the output must not be restarted after the Conductor is gone.
 
-#include "TobrinKit/Engine/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/AudioOutput.h"
 #include "TobrinKit/Engine/EngineSettings.h"
-#include "TobrinKit/Engine/KeyEvent.h"
+#include "TobrinKit/Engine/Core/KeyEvent.h"
 #include "TobrinKit/Engine/SerialQueue.h"
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Force/ForceClassifier.h"
 

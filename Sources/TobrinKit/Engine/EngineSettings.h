@@ -4,7 +4,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "TobrinKit/Engine/Tier.h"
+#include "TobrinKit/Engine/Core/Tier.h"
 #include "TobrinKit/Input/Hotkey.h"
 
 namespace tobrin {

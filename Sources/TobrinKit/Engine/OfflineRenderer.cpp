@@ -1,10 +1,10 @@
 #include "TobrinKit/Engine/OfflineRenderer.h"
 
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Force/ForceClassifier.h"
 #include "TobrinKit/Input/KeyLayout.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 
 #include <TobrinMixer.h>
 

@@ -9,7 +9,7 @@
 // thread.
 
 #include "TobrinKit/Engine/EngineSettings.h"
-#include "TobrinKit/Engine/KeyEvent.h"
+#include "TobrinKit/Engine/Core/KeyEvent.h"
 
 #include <cstdint>
 #include <functional>

@@ -9,15 +9,7 @@
 // any thread; the work runs on the queue's thread. stop() and the destructor
 // belong to the owner and must not be called from the queue itself.
 
-// Asio picks aligned_alloc/free or operator new/delete by whether a standard
-// header came before its own, so two files could disagree and one free what
-// the other allocated with the wrong function. Every file that reaches Asio
-// through this header takes the same path.
-#include <cstdlib>
-#ifndef ASIO_HAS_STD_ALIGNED_ALLOC
-#define ASIO_HAS_STD_ALIGNED_ALLOC 1
-#endif
-
+// Asio's configuration comes with the Tobrin::Asio target.
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 

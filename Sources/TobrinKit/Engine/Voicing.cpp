@@ -1,10 +1,10 @@
 // Take choice, detune, stereo placement and layer weights of a key stroke.
 #include "TobrinKit/Engine/Voicing.h"
 
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Force/ForceClassifier.h"
 #include "TobrinKit/Input/KeyLayout.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 
 #include <algorithm>
 #include <cmath>

@@ -12,7 +12,7 @@
 #include <span>
 
 #include "TobrinKit/Engine/EngineSettings.h"
-#include "TobrinKit/Engine/KeyGroup.h"
+#include "TobrinKit/Engine/Core/KeyGroup.h"
 #include "TobrinMixer.h"
 
 namespace tobrin {

@@ -1,7 +1,7 @@
 // Replaying a recorded sensor stream on a thread of its own.
 #include "TobrinKit/Force/RecordedMotionSource.h"
 
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 
 #include <pthread.h>
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "TobrinKit/Engine/KeyGroup.h"
+#include "TobrinKit/Engine/Core/KeyGroup.h"
 
 namespace tobrin {
 

@@ -5,7 +5,7 @@
 // in the tests show it).
 #include "TobrinKit/Synth/KeySynth.h"
 
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Synth/Biquad.h"
 
 #include <algorithm>

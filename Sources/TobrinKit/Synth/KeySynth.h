@@ -1,7 +1,7 @@
 #pragma once
 
-#include "TobrinKit/Engine/KeyGroup.h"
-#include "TobrinKit/Engine/Tier.h"
+#include "TobrinKit/Engine/Core/KeyGroup.h"
+#include "TobrinKit/Engine/Core/Tier.h"
 #include "TobrinKit/Synth/SynthProfile.h"
 
 #include <array>

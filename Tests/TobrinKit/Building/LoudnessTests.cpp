@@ -1,5 +1,5 @@
 #include "TobrinKit/Building/Loudness.h"
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Synth/KeySynth.h"
 
 #include <ebur128.h>

@@ -1,5 +1,5 @@
 #include "TobrinKit/Building/WAVWriter.h"
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 
 #include "Support/IndependentReaders.h"
 

@@ -1,5 +1,5 @@
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
-#include "TobrinKit/Engine/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/AudioOutput.h"
 
 #include "Support/Eventually.h"
 

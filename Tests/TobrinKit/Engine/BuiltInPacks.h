@@ -2,7 +2,7 @@
 
 // The built-in packs the build generated, for tests that need real sounds.
 
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackInfo.h"
 
 #include <filesystem>

@@ -1,5 +1,5 @@
-#include "TobrinKit/Engine/MachTime.h"
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 
 #include <gtest/gtest.h>
 

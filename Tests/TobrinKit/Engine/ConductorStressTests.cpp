@@ -7,7 +7,7 @@
 
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
 #include "TobrinKit/Engine/Conductor.h"
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Force/RecordedMotionSource.h"
 #include "TobrinKit/Force/SensorRecording.h"

@@ -2,7 +2,7 @@
 
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
 #include "TobrinKit/Engine/Conductor.h"
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Input/KeyLayout.h"
 

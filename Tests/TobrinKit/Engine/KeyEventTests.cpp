@@ -1,6 +1,6 @@
-#include "TobrinKit/Engine/KeyEvent.h"
-#include "TobrinKit/Engine/KeyGroup.h"
-#include "TobrinKit/Engine/Tier.h"
+#include "TobrinKit/Engine/Core/KeyEvent.h"
+#include "TobrinKit/Engine/Core/KeyGroup.h"
+#include "TobrinKit/Engine/Core/Tier.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,4 +1,4 @@
-#include "TobrinKit/Engine/SampleBuffer.h"
+#include "TobrinKit/Engine/Samples/SampleBuffer.h"
 #include "TobrinKit/Packs/PackError.h"
 
 #include "Support/SoundFiles.h"

@@ -1,7 +1,7 @@
 #include "TobrinKit/Engine/Voicing.h"
 
 #include "TobrinKit/Input/KeyLayout.h"
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackManifest.h"
 
 #include "Support/SoundFiles.h"

@@ -1,6 +1,6 @@
 #include "TobrinKit/Force/RecordedMotionSource.h"
 
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Force/SensorRecording.h"
 

@@ -1,6 +1,6 @@
 #include "TobrinKit/Input/KeyLayout.h"
 
-#include "TobrinKit/Engine/SplitMix64.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
 
 #include <gtest/gtest.h>
 

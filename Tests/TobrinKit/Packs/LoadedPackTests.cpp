@@ -1,4 +1,4 @@
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackError.h"
 
 #include "Support/SoundFiles.h"

@@ -1,4 +1,4 @@
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackInfo.h"
 #include "TobrinKit/Synth/KeySynth.h"
 #include "TobrinKit/Synth/PackGenerator.h"

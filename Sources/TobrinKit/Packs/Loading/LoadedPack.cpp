@@ -1,6 +1,6 @@
 // Loading a pack: decoding its files once each, within the memory budget and
 // the pack folder, then filling every missing group and tier.
-#include "TobrinKit/Packs/LoadedPack.h"
+#include "TobrinKit/Packs/Loading/LoadedPack.h"
 
 #include "TobrinKit/Packs/PackError.h"
 

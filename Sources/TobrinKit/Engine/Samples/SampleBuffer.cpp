@@ -1,5 +1,5 @@
 // Decoding with libsndfile and rate conversion with libsoxr.
-#include "TobrinKit/Engine/SampleBuffer.h"
+#include "TobrinKit/Engine/Samples/SampleBuffer.h"
 
 #include "TobrinKit/Packs/PackError.h"
 

@@ -1,4 +1,4 @@
-#include "TobrinKit/Engine/MachTime.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Raw values and JSON coding of the key groups.
-#include "TobrinKit/Engine/KeyGroup.h"
+#include "TobrinKit/Engine/Core/KeyGroup.h"
 
 #include <nlohmann/json.hpp>
 

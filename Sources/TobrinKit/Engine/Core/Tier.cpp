@@ -1,5 +1,5 @@
 // Raw values, names and JSON coding of the force tiers.
-#include "TobrinKit/Engine/Tier.h"
+#include "TobrinKit/Engine/Core/Tier.h"
 
 #include <nlohmann/json.hpp>
 

@@ -9,9 +9,9 @@
  * read a take of it.
  */
 
-#include "TobrinKit/Engine/KeyGroup.h"
-#include "TobrinKit/Engine/SampleBuffer.h"
-#include "TobrinKit/Engine/Tier.h"
+#include "TobrinKit/Engine/Core/KeyGroup.h"
+#include "TobrinKit/Engine/Samples/SampleBuffer.h"
+#include "TobrinKit/Engine/Core/Tier.h"
 #include "TobrinKit/Packs/PackInfo.h"
 #include "TobrinKit/Packs/PackManifest.h"
 

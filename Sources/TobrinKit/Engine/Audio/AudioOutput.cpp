@@ -1,4 +1,4 @@
-#include "TobrinKit/Engine/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/AudioOutput.h"
 
 #include <syslog.h>
 

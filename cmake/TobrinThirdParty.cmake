@@ -1,0 +1,18 @@
+# Every third-party library the project builds against, found once. Each target
+# links by name exactly the ones it uses (see the layers' CMakeLists).
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(nlohmann_json 3.10 REQUIRED)
+pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET GLOBAL sndfile)
+pkg_check_modules(SOXR REQUIRED IMPORTED_TARGET GLOBAL soxr)
+
+# Standalone Asio is header-only. Its configuration travels with this target:
+# Asio picks aligned_alloc/free or operator new/delete by whether a standard
+# header came before its own, so without one definition for every user two
+# files could disagree and one free what the other allocated.
+find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(TobrinAsio INTERFACE)
+add_library(Tobrin::Asio ALIAS TobrinAsio)
+target_include_directories(TobrinAsio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
+target_compile_definitions(TobrinAsio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_HAS_STD_ALIGNED_ALLOC=1)
+target_link_libraries(TobrinAsio INTERFACE Threads::Threads)
