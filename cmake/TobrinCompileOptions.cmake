@@ -20,6 +20,11 @@ elseif(TOBRIN_SANITIZER STREQUAL "undefined")
 elseif(NOT TOBRIN_SANITIZER STREQUAL "")
   message(FATAL_ERROR "TOBRIN_SANITIZER must be address, thread, undefined or empty")
 endif()
+if(NOT TOBRIN_SANITIZER STREQUAL "")
+  # Sanitizer builds are debug builds too: the mixer's non-finite output check
+  # and the vector path's reach assertions run there, whatever the build type.
+  add_compile_options(-UNDEBUG)
+endif()
 
 function(tobrin_target_defaults target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion

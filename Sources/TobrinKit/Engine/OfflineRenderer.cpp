@@ -1,5 +1,7 @@
 #include "TobrinKit/Engine/OfflineRenderer.h"
 
+#include "TobrinKit/Engine/Core/KeyCode.h"
+
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Force/ForceClassifier.h"
@@ -72,7 +74,7 @@ std::vector<ScriptedKey> typingScript(std::string_view text, double wpm, std::ui
         script.push_back(ScriptedKey{t, code, KeyAction::down, position});
         script.push_back(ScriptedKey{t + 0.06 + 0.04 * u1, code, KeyAction::up, position});
         const double u2 = rng.unit();
-        double gap = code == 49 ? 0.3 * beat : 0.0;
+        double gap = code == KeyCode::space ? 0.3 * beat : 0.0;
         gap += beat * (0.6 + 0.8 * u2);
         t += gap;
     }

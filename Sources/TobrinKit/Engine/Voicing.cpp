@@ -11,7 +11,7 @@
 
 namespace tobrin::Voicing {
 
-std::uint64_t keyHash(std::uint16_t code) { return SplitMix64(code).next(); }
+std::uint64_t keyHash(std::uint16_t code) { return KeyLayout::identity(code); }
 
 std::size_t variant(std::uint16_t code, std::size_t variantCount) {
     return static_cast<std::size_t>(keyHash(code) % std::max<std::size_t>(variantCount, 1));

@@ -1,6 +1,9 @@
 // Key groups, key positions and per-key identities of the ANSI laptop layout.
 #include "TobrinKit/Input/KeyLayout.h"
 
+#include "TobrinKit/Engine/Core/KeyCode.h"
+#include "TobrinKit/Engine/Core/SplitMix64.h"
+
 #include <array>
 #include <cmath>
 #include <initializer_list>
@@ -14,6 +17,7 @@ constexpr std::size_t tableSize = 128;
 using ColumnTable = std::array<double, tableSize>;
 
 ColumnTable buildColumns() {
+    using enum KeyCode;
     ColumnTable table;
     table.fill(std::nan(""));
     auto place = [&](std::uint16_t code, double position) { table[code] = position; };
@@ -22,31 +26,32 @@ ColumnTable buildColumns() {
         for (std::uint16_t code : codes) place(code, start + step * i++);
     };
 
-    place(53, 0.5);                                                           // Escape
-    row({122, 120, 99, 118, 96, 97, 98, 100, 101, 109, 103, 111}, 1.6, 1.08); // F1–F12
-    row({50, 18, 19, 20, 21, 23, 22, 26, 28, 25, 29, 27, 24}, 0.5, 1.0);      // ` 1 … 0 - =
-    place(51, 14.0);                                                          // Delete
-    place(48, 0.75);                                                          // Tab
-    row({12, 13, 14, 15, 17, 16, 32, 34, 31, 35, 33, 30}, 2.0, 1.0);          // Q … ]
-    place(42, 14.25);                                                         // backslash
-    place(57, 0.9);                                                           // Caps Lock
-    row({0, 1, 2, 3, 5, 4, 38, 40, 37, 41, 39}, 2.25, 1.0);                   // A … '
-    place(36, 14.0);                                                          // Return
-    place(56, 1.2);                                                           // left Shift
-    row({6, 7, 8, 9, 11, 45, 46, 43, 47, 44}, 2.75, 1.0);                     // Z … /
-    place(60, 13.9);                                                          // right Shift
-    place(63, 0.5);                                                           // Fn
-    place(59, 1.5);                                                           // Control
-    place(58, 2.5);                                                           // Option
-    place(55, 3.75);                                                          // Command
-    place(49, 7.5);                                                           // Space
-    place(54, 11.25);                                                         // right Command
-    place(61, 12.4);                                                          // right Option
-    place(123, 13.1);                                                         // left arrow
-    place(126, 14.0);                                                         // up arrow
-    place(125, 14.0);                                                         // down arrow
-    place(124, 14.9);                                                         // right arrow
-    place(117, 14.6);                                                         // forward Delete
+    place(KeyCode::escape, 0.5);
+    row({f1, f2, f3, f4, f5, f6, f7, f8, f9, f10, f11, f12}, 1.6, 1.08);
+    row({grave, digit1, digit2, digit3, digit4, digit5, digit6, digit7, digit8, digit9, digit0, minus, equal}, 0.5,
+        1.0);
+    place(deleteKey, 14.0);
+    place(tab, 0.75);
+    row({q, w, e, r, t, y, u, i, o, p, leftBracket, rightBracket}, 2.0, 1.0);
+    place(backslash, 14.25);
+    place(capsLock, 0.9);
+    row({a, s, d, f, g, h, j, k, l, semicolon, quote}, 2.25, 1.0);
+    place(returnKey, 14.0);
+    place(shift, 1.2);
+    row({z, x, c, v, b, n, m, comma, period, slash}, 2.75, 1.0);
+    place(rightShift, 13.9);
+    place(function, 0.5);
+    place(control, 1.5);
+    place(option, 2.5);
+    place(command, 3.75);
+    place(space, 7.5);
+    place(rightCommand, 11.25);
+    place(rightOption, 12.4);
+    place(leftArrow, 13.1);
+    place(upArrow, 14.0);
+    place(downArrow, 14.0);
+    place(rightArrow, 14.9);
+    place(forwardDelete, 14.6);
     return table;
 }
 
@@ -59,13 +64,15 @@ const ColumnTable& columns() {
 
 KeyGroup group(std::uint16_t code) {
     switch (code) {
-    case 49: return KeyGroup::space;
-    case 36:
-    case 76: return KeyGroup::enter;
-    case 51:
-    case 117: return KeyGroup::backspace;
-    case 48: return KeyGroup::modifier;
-    default: return code >= 54 && code <= 63 ? KeyGroup::modifier : KeyGroup::alpha;
+    case KeyCode::space: return KeyGroup::space;
+    case KeyCode::returnKey:
+    case KeyCode::keypadEnter: return KeyGroup::enter;
+    case KeyCode::deleteKey:
+    case KeyCode::forwardDelete: return KeyGroup::backspace;
+    case KeyCode::tab: return KeyGroup::modifier;
+    default:
+        // The modifiers are one block: right Command (54) up to Fn (63).
+        return code >= KeyCode::rightCommand && code <= KeyCode::function ? KeyGroup::modifier : KeyGroup::alpha;
     }
 }
 
@@ -82,11 +89,6 @@ float pan(std::uint16_t code) {
     return static_cast<float>((*position / 15.0 - 0.5) * 2.0);
 }
 
-std::uint64_t identity(std::uint16_t code) {
-    std::uint64_t z = 0x9E3779B97F4A7C15ULL + code;
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-    return z ^ (z >> 31);
-}
+std::uint64_t identity(std::uint16_t code) { return SplitMix64(code).next(); }
 
 } // namespace tobrin::KeyLayout

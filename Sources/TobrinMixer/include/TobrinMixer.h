@@ -44,6 +44,14 @@ typedef struct TBCommand {
     float rate;         /* playback rate; only 0.25 < rate < 4 is accepted, else 1 */
 } TBCommand;
 
+/* Two cache lines on the 64-bit targets Tobrin runs on; the ring's size and
+ * the cost of a push are counted in these. */
+#ifdef __cplusplus
+static_assert(sizeof(TBCommand) == 128, "a command is 128 bytes");
+#else
+_Static_assert(sizeof(TBCommand) == 128, "a command is 128 bytes");
+#endif
+
 typedef struct TBMixer TBMixer;
 
 /* A sample rate <= 0 means 48000; a crossfade <= 0 means 4 ms. NULL when out of memory. */
