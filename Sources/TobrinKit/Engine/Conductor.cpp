@@ -1,5 +1,6 @@
 #include "TobrinKit/Engine/Conductor.h"
 
+#include "TobrinKit/Engine/Core/KeyCode.h"
 #include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Input/KeyLayout.h"
@@ -10,8 +11,6 @@
 
 namespace tobrin {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // The conductor's own jitter (fixed-tier spread, per-stroke variation,
 // release gain) is seeded once, like every other random choice.
@@ -24,6 +23,10 @@ constexpr std::uint64_t jitterSeed = 0x70B21C0DULL;
 // matters when the output was paused before the fade could play.
 constexpr std::uint64_t framesToFadeOut = 16384;
 
+std::uint64_t ticksOf(std::chrono::nanoseconds duration) {
+    return std::uint64_t(std::max<std::int64_t>(duration.count(), 0));
+}
+
 std::uint64_t ticksBefore(std::uint64_t time, double milliseconds) {
     const std::uint64_t span = MachTime::ticks(milliseconds);
     return time > span ? time - span : 0;
@@ -34,20 +37,16 @@ std::uint64_t ticksBefore(std::uint64_t time, double milliseconds) {
 Conductor::Conductor(std::shared_ptr<AudioOutput> audio, std::shared_ptr<ForceSensor> sensor)
     : Conductor(std::move(audio), std::move(sensor), Timing()) {}
 
-Conductor::Conductor(std::shared_ptr<AudioOutput> audio, std::shared_ptr<ForceSensor> sensor, Timing timing)
+Conductor::Conductor(std::shared_ptr<AudioOutput> audio, std::shared_ptr<ForceSensor> sensor, Timing timing,
+                     std::shared_ptr<HostClock> clock)
     : audio_(std::move(audio)), sensor_(std::move(sensor)), timing_(timing),
-      classifier_(ForceClassifier::defaultReference), lastActivity_(MachTime::now()), rng_(jitterSeed),
-      queue_("app.tobrin.conductor") {
-    queue_.sync([this] {
-        idleTimer_ = std::make_unique<asio::steady_timer>(queue_.context());
-        idleDeadline_ = Clock::now();
-        armIdleTimer();
-    });
+      classifier_(ForceClassifier::defaultReference), lastActivity_(clock->now()), rng_(jitterSeed),
+      idleDeadline_(lastActivity_), queue_("app.tobrin.conductor", std::move(clock)) {
+    queue_.sync([this] { armIdleTimer(); });
 }
 
 Conductor::~Conductor() {
     shutdown();
-    queue_.sync([this] { idleTimer_.reset(); });
     queue_.stop();
 }
 
@@ -90,14 +89,17 @@ void Conductor::apply(const EngineSettings& settings, bool wakeNow) {
 
 void Conductor::setPack(std::shared_ptr<const LoadedPack> pack) {
     queue_.async([this, pack = std::move(pack)]() mutable {
-        TBCommand release{};
-        release.type = TB_COMMAND_RELEASE_ALL;
-        const bool pushed = push(release);
+        const bool faded = releaseAll();
         const std::uint64_t frames = audio_->renderedFrames();
         auto old = std::exchange(pack_, std::move(pack));
-        if (old)
-            queue_.asyncAfter(timing_.packDropDelay,
-                              [this, old, pushed, frames] { dropWhenSilent(old, pushed, frames); });
+        if (!old) return;
+        // A refused release-all is not sent again later, when it would fade the
+        // new pack's voices too: the old voices then play out to their end,
+        // and the pack stays until the longest of them can have done so.
+        // (The conductor's rates stay within 2 % of 1, so twice the longest
+        // sound is more than any of its voices can last.)
+        const std::uint64_t fade = faded ? framesToFadeOut : 2 * old->longestSoundFrames() + framesToFadeOut;
+        queue_.asyncAfter(timing_.packDropDelay, [this, old, frames, fade] { dropWhenSilent(old, frames, fade); });
     });
 }
 
@@ -109,14 +111,14 @@ void Conductor::audition() {
         double offset = 0;
         for (const std::uint16_t code : auditionPhrase()) {
             const float position = std::clamp(float(1.0 + 0.8 * rng_.signedUnit()), 0.0f, 3.0f);
-            const auto at = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(offset));
+            const auto at = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(offset));
             queue_.asyncAfter(at, [this, code, position] {
                 if (!suspended_) start(code, position, 1.0f, Voicing::Variation{1.0f, 1.0f});
             });
             queue_.asyncAfter(at + std::chrono::milliseconds(70), [this, code] {
-                keyUp(KeyEvent{code, KeyAction::up, MachTime::now()});
+                keyUp(KeyEvent{code, KeyAction::up, queue_.clock().now()});
             });
-            offset += code == 49 ? 0.16 : 0.09 + 0.06 * rng_.unit();
+            offset += code == KeyCode::space ? 0.16 : 0.09 + 0.06 * rng_.unit();
         }
     });
 }
@@ -170,11 +172,18 @@ std::uint32_t Conductor::tagAfter(std::uint32_t last) { return last == UINT32_MA
 
 const std::array<std::uint16_t, 16>& Conductor::auditionPhrase() {
     // "mechanical click"
-    static constexpr std::array<std::uint16_t, 16> phrase{46, 14, 8, 4, 0, 45, 34, 8, 0, 37, 49, 8, 37, 34, 8, 40};
+    using enum KeyCode;
+    static constexpr std::array<std::uint16_t, 16> phrase{m, e, c, h, a, n, i, c, a, l, space, c, l, i, c, k};
     return phrase;
 }
 
 // MARK: Queue work
+
+bool Conductor::releaseAll() {
+    TBCommand release{};
+    release.type = TB_COMMAND_RELEASE_ALL;
+    return push(release);
+}
 
 bool Conductor::push(const TBCommand& command) {
     const bool pushed = tb_mixer_push(audio_->mixer(), &command);
@@ -212,7 +221,7 @@ void Conductor::keyDown(const KeyEvent& event) {
     if (settings_.forceSensing && sensor_ && sensor_->isRunning()) {
         float position = typicalPosition_;
         float relative = 1.0f;
-        const auto window = sensor_->window(ticksBefore(event.time, windowLeadMs), MachTime::now());
+        const auto window = sensor_->window(ticksBefore(event.time, windowLeadMs), queue_.clock().now());
         if (window) {
             const float measured = classifier_.relative(window->peak, sensor_->noiseFloor());
             if (measured >= 0.6f) {
@@ -225,12 +234,12 @@ void Conductor::keyDown(const KeyEvent& event) {
         const Voicing::Variation variation{1.0f + 0.06f * (2.0f * u1 - 1.0f), 1.0f + 0.004f * (2.0f * u2 - 1.0f)};
         const std::uint32_t tag = start(event.code, position, relative, variation);
         if (tag == 0) return;
-        const auto now = Clock::now();
+        const std::uint64_t now = queue_.clock().now();
         for (int pass = 0; pass < int(refineAtMs.size()); ++pass) {
-            const auto deadline = now + std::chrono::duration_cast<Clock::duration>(
-                                            std::chrono::duration<double, std::milli>(refineAtMs[pass]));
+            const std::uint64_t deadline = now + MachTime::ticks(refineAtMs[pass]);
             queue_.asyncAt(deadline, [this, tag, event, variation, pass, deadline] {
-                if (diagnostics_.refinement) diagnostics_.refinement(pass, Clock::now() - deadline);
+                if (diagnostics_.refinement)
+                    diagnostics_.refinement(pass, std::chrono::nanoseconds(queue_.clock().now() - deadline));
                 refine(tag, event, variation, pass);
             });
         }
@@ -248,7 +257,7 @@ void Conductor::keyDown(const KeyEvent& event) {
 void Conductor::refine(std::uint32_t tag, const KeyEvent& event, Voicing::Variation variation, int pass) {
     if (!sensor_ || !pack_) return;
     const bool final = pass == int(refineAtMs.size()) - 1;
-    const std::uint64_t to = std::min(MachTime::now(), event.time + MachTime::ticks(windowLagMs));
+    const std::uint64_t to = std::min(queue_.clock().now(), event.time + MachTime::ticks(windowLagMs));
     const auto window = sensor_->window(ticksBefore(event.time, windowLeadMs), to);
     if (!window) return;
 
@@ -299,11 +308,7 @@ void Conductor::keyUp(const KeyEvent& event) {
 }
 
 void Conductor::suspend() {
-    if (!suspended_) {
-        TBCommand release{};
-        release.type = TB_COMMAND_RELEASE_ALL;
-        push(release);
-    }
+    if (!suspended_) releaseAll();
     if (sensor_) sensor_->stop();
     audio_->pause();
     suspended_ = true;
@@ -317,35 +322,23 @@ void Conductor::wake() {
 }
 
 void Conductor::armIdleTimer() {
-    idleDeadline_ += timing_.idleTick;
-    idleTimer_->expires_at(idleDeadline_);
-    idleTimer_->async_wait([this](const asio::error_code& error) {
-        // A wait that completed just before the destructor reset the timer still
-        // runs, with success: the missing timer is what says it is over.
-        if (error || !idleTimer_) return;
+    // Absolute deadlines, so a late tick does not push the following ones back.
+    idleDeadline_ += ticksOf(timing_.idleTick);
+    queue_.asyncAt(idleDeadline_, [this] {
         idleTick();
         armIdleTimer();
     });
 }
 
 void Conductor::idleTick() {
-    if (!suspended_ && MachTime::delta(MachTime::now(), lastActivity_) > timing_.idleLimitMs) suspend();
+    if (!suspended_ && MachTime::delta(queue_.clock().now(), lastActivity_) > timing_.idleLimitMs) suspend();
 }
 
-void Conductor::dropWhenSilent(std::shared_ptr<const LoadedPack> pack, bool releasePushed,
-                               std::uint64_t framesAtRelease) {
-    // The release-all is what fades the old pack's voices; if the ring refused
-    // it, it has to go in before the pack can go.
-    if (!releasePushed) {
-        TBCommand release{};
-        release.type = TB_COMMAND_RELEASE_ALL;
-        releasePushed = push(release);
-        framesAtRelease = audio_->renderedFrames();
-    } else if (audio_->renderedFrames() - framesAtRelease >= framesToFadeOut) {
-        return; // the last reference goes with this closure
-    }
-    queue_.asyncAfter(timing_.packDropDelay, [this, pack, releasePushed, framesAtRelease] {
-        dropWhenSilent(pack, releasePushed, framesAtRelease);
+void Conductor::dropWhenSilent(std::shared_ptr<const LoadedPack> pack, std::uint64_t framesAtRelease,
+                               std::uint64_t framesToFade) {
+    if (audio_->renderedFrames() - framesAtRelease >= framesToFade) return; // the last reference goes here
+    queue_.asyncAfter(timing_.packDropDelay, [this, pack, framesAtRelease, framesToFade] {
+        dropWhenSilent(pack, framesAtRelease, framesToFade);
     });
 }
 

@@ -19,18 +19,20 @@
 // The destructor shuts down and ends the queue. A replaced pack is kept alive
 // until the mixer has faded its voices out, so the render thread never reads
 // freed memory; the output must not be restarted after the Conductor is gone.
+//
+// Time: key events, sensor windows, refinements and the idle check all read
+// the clock the owner gives (the host clock unless a test drives one by hand).
 
 #include "TobrinKit/Engine/Audio/AudioOutput.h"
-#include "TobrinKit/Engine/EngineSettings.h"
+#include "TobrinKit/Engine/Core/HostClock.h"
 #include "TobrinKit/Engine/Core/KeyEvent.h"
-#include "TobrinKit/Engine/SerialQueue.h"
 #include "TobrinKit/Engine/Core/SplitMix64.h"
+#include "TobrinKit/Engine/EngineSettings.h"
+#include "TobrinKit/Engine/SerialQueue.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Force/ForceClassifier.h"
 
 #include <TobrinMixer.h>
-
-#include <asio/steady_timer.hpp>
 
 #include <array>
 #include <chrono>
@@ -72,7 +74,8 @@ public:
     // (Two constructors rather than a default argument: a nested type's member
     // defaults are not usable in its owner's declarations.)
     Conductor(std::shared_ptr<AudioOutput> audio, std::shared_ptr<ForceSensor> sensor);
-    Conductor(std::shared_ptr<AudioOutput> audio, std::shared_ptr<ForceSensor> sensor, Timing timing);
+    Conductor(std::shared_ptr<AudioOutput> audio, std::shared_ptr<ForceSensor> sensor, Timing timing,
+              std::shared_ptr<HostClock> clock = HostClock::host());
     ~Conductor();
 
     Conductor(const Conductor&) = delete;
@@ -113,8 +116,10 @@ private:
     void wake();
     void idleTick();
     void armIdleTimer();
-    void dropWhenSilent(std::shared_ptr<const LoadedPack> pack, bool releasePushed, std::uint64_t framesAtRelease);
+    void dropWhenSilent(std::shared_ptr<const LoadedPack> pack, std::uint64_t framesAtRelease,
+                        std::uint64_t framesToFade);
     bool push(const TBCommand& command);
+    bool releaseAll();
     void fillVoice(TBCommand& command, std::uint16_t code, float position, float relative,
                    Voicing::Variation variation) const;
 
@@ -135,11 +140,11 @@ private:
     bool suspended_ = false;
     SplitMix64 rng_;
 
+    std::uint64_t idleDeadline_ = 0;
+
     // Declared after the state it works on, so its thread starts last and, as
     // the destructor stops it first, ends before anything else goes.
     SerialQueue queue_;
-    std::unique_ptr<asio::steady_timer> idleTimer_;
-    std::chrono::steady_clock::time_point idleDeadline_;
 };
 
 } // namespace tobrin

@@ -5,11 +5,14 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace tobrin {
 
-SerialQueue::SerialQueue(std::string label) : label_(std::move(label)), keepAlive_(asio::make_work_guard(context_)) {
+SerialQueue::SerialQueue(std::string label, std::shared_ptr<HostClock> clock)
+    : label_(std::move(label)), clock_(std::move(clock)), keepAlive_(asio::make_work_guard(context_)),
+      wakeUp_(context_) {
     std::promise<void> started;
     auto ready = started.get_future();
     thread_ = std::thread([this, &started] {
@@ -20,12 +23,14 @@ SerialQueue::SerialQueue(std::string label) : label_(std::move(label)), keepAliv
     });
     // isCurrent() must be right from the first post on.
     ready.wait();
+    if (clock_->isManual()) clockObservation_ = clock_->observe([this] { async([this] { runDueTimers(); }); });
 }
 
 SerialQueue::~SerialQueue() { stop(); }
 
 void SerialQueue::stop() {
     if (stopped_.exchange(true)) return;
+    clockObservation_.reset();
     keepAlive_.reset();
     context_.stop();
     if (thread_.joinable()) thread_.join();
@@ -33,23 +38,41 @@ void SerialQueue::stop() {
 
 void SerialQueue::async(std::function<void()> work) { asio::post(context_, std::move(work)); }
 
-void SerialQueue::asyncAfter(Clock::duration delay, std::function<void()> work) {
-    asyncAt(Clock::now() + delay, std::move(work));
+void SerialQueue::asyncAfter(std::chrono::nanoseconds delay, std::function<void()> work) {
+    asyncAt(clock_->now() + std::uint64_t(std::max<std::int64_t>(delay.count(), 0)), std::move(work));
 }
 
-void SerialQueue::asyncAt(Clock::time_point deadline, std::function<void()> work) {
-    // The timer is only ever touched on the queue; the handler keeps it alive
-    // until it fires.
-    auto arm = [this, deadline, work = std::move(work)]() mutable {
-        auto timer = std::make_shared<asio::steady_timer>(context_, deadline);
-        timer->async_wait([timer, work = std::move(work)](const asio::error_code& error) {
-            if (!error) work();
-        });
+void SerialQueue::asyncAt(std::uint64_t deadline, std::function<void()> work) {
+    auto add = [this, deadline, work = std::move(work)]() mutable {
+        const bool earliest = timers_.empty() || deadline < timers_.begin()->first;
+        timers_.emplace(deadline, std::move(work));
+        if (earliest) armWakeUp();
     };
     if (isCurrent())
-        arm();
+        add();
     else
-        async(std::move(arm));
+        async(std::move(add));
+}
+
+void SerialQueue::runDueTimers() {
+    // Work may add timers, even ones already due: they run in this same pass.
+    while (!timers_.empty() && timers_.begin()->first <= clock_->now()) {
+        auto work = std::move(timers_.begin()->second);
+        timers_.erase(timers_.begin());
+        work();
+    }
+    armWakeUp();
+}
+
+void SerialQueue::armWakeUp() {
+    // A clock moved by hand wakes the queue through its observation instead.
+    if (timers_.empty() || clock_->isManual()) return;
+    // Host ticks are CLOCK_MONOTONIC nanoseconds, the clock steady_clock reads.
+    const std::chrono::steady_clock::time_point at{std::chrono::nanoseconds(timers_.begin()->first)};
+    wakeUp_.expires_at(at); // cancels the wait for a later deadline, if any
+    wakeUp_.async_wait([this](const asio::error_code& error) {
+        if (!error) runDueTimers();
+    });
 }
 
 } // namespace tobrin

@@ -188,4 +188,10 @@ bool LoadedPack::hasReleaseSounds() const {
     return std::any_of(up_.begin(), up_.end(), [](const auto& takes) { return !takes.empty(); });
 }
 
+std::size_t LoadedPack::longestSoundFrames() const {
+    std::size_t longest = 0;
+    for (const SampleBuffer& buffer : buffers_) longest = std::max(longest, std::size_t(buffer.frames()));
+    return longest;
+}
+
 } // namespace tobrin

@@ -71,6 +71,8 @@ public:
     const PackManifest& manifest() const { return manifest_; }
     // Bytes of decoded audio held (a mono file counts one channel).
     std::size_t memoryBytes() const { return memoryBytes_; }
+    // Frames of the longest decoded sound.
+    std::size_t longestSoundFrames() const;
     // Number of distinct decoded files.
     std::size_t sampleCount() const { return buffers_.size(); }
 
