@@ -1,15 +1,12 @@
 // The conductor end to end with a real built-in pack, a recorded motion-sensor
 // stream, and the null audio device rendering. The stream is delivered in full
-// before the first key, its time stamps keeping the recorded spacing, so every
-// refinement finds its samples however late the machine runs it. (Replay at
-// the recorded pace is covered by the replay source's own tests.)
+// before the first key, its time stamps keeping the recorded spacing, and the
+// conductor's clock is moved by hand onto each stroke and through its
+// refinements. (Replay at the recorded pace is covered by the replay source's
+// own tests.)
 
-#include "BuiltInPacks.h"
-#include "Support/Eventually.h"
+#include "ConductorRig.h"
 
-#include "TobrinKit/Engine/Audio/NullAudioBackend.h"
-#include "TobrinKit/Engine/Conductor.h"
-#include "TobrinKit/Engine/Core/MachTime.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Force/ForceClassifier.h"
 #include "TobrinKit/Force/ForceSensor.h"
@@ -18,8 +15,6 @@
 #include "TobrinKit/Input/KeyLayout.h"
 
 #include <gtest/gtest.h>
-
-#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -61,13 +56,6 @@ std::filesystem::path writeRecording(const std::vector<Stroke>& strokes, std::ui
     return path;
 }
 
-void sleepUntil(std::uint64_t ticks) {
-    timespec when{};
-    when.tv_sec = time_t(ticks / 1'000'000'000ULL);
-    when.tv_nsec = long(ticks % 1'000'000'000ULL);
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr);
-}
-
 struct Observed {
     std::mutex lock;
     std::vector<TBCommand> commands;
@@ -90,7 +78,8 @@ TEST(ConductorForce, MeasuredImpactsSetTheVoicesFinalWeightsAndTheReadings) {
     auto audio = std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
     const auto pack = fixtures::loadBuiltInPack("cream");
 
-    Conductor conductor(audio, sensor);
+    auto clock = std::make_shared<test::ManualClock>();
+    Conductor conductor(audio, sensor, Conductor::Timing(), clock);
     Observed observed;
     Conductor::Diagnostics diagnostics;
     diagnostics.command = [&](const TBCommand& command, bool pushed) {
@@ -114,17 +103,12 @@ TEST(ConductorForce, MeasuredImpactsSetTheVoicesFinalWeightsAndTheReadings) {
     const std::uint64_t start = replay->startTime();
 
     for (const auto& stroke : strokes) {
-        sleepUntil(start + stroke.offset);
+        clock->set(start + stroke.offset);
         conductor.handle(KeyEvent{stroke.code, KeyAction::down, start + stroke.offset});
+        conductor.barrier();
+        clock->advance(20ms); // past the last refinement
+        conductor.barrier();
     }
-    // Every key has a reading once its last refinement has run.
-    ASSERT_TRUE(test::eventually(
-        [&] {
-            std::lock_guard guard(observed.lock);
-            return observed.readings.size() >= strokes.size();
-        },
-        10s));
-    conductor.barrier();
 
     std::lock_guard guard(observed.lock);
     ASSERT_EQ(observed.readings.size(), strokes.size());

@@ -1,12 +1,9 @@
-#include "BuiltInPacks.h"
+#include "ConductorRig.h"
+#include "Support/Eventually.h"
 
-#include "TobrinKit/Engine/Audio/NullAudioBackend.h"
-#include "TobrinKit/Engine/Conductor.h"
-#include "TobrinKit/Engine/Core/MachTime.h"
+#include "TobrinKit/Engine/Core/KeyCode.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Input/KeyLayout.h"
-
-#include "Support/Eventually.h"
 
 #include <gtest/gtest.h>
 
@@ -14,86 +11,16 @@
 #include <chrono>
 #include <mutex>
 #include <set>
-#include <thread>
 #include <vector>
 
 namespace tobrin {
 namespace {
 
 using test::eventually;
+using test::fixedTier;
+using test::Rig;
 
 using namespace std::chrono_literals;
-
-// What the conductor pushed and reported, gathered on its queue.
-struct Recorder {
-    struct Push {
-        TBCommand command;
-        bool pushed;
-        bool outputRunning;
-    };
-    std::mutex lock;
-    std::vector<Push> pushes;
-    std::vector<ForceReading> readings;
-
-    void attach(Conductor& conductor, const std::shared_ptr<AudioOutput>& audio) {
-        Conductor::Diagnostics diagnostics;
-        diagnostics.command = [this, audio](const TBCommand& command, bool pushed) {
-            const bool running = audio->isRunning();
-            std::lock_guard guard(lock);
-            pushes.push_back({command, pushed, running});
-        };
-        conductor.setDiagnostics(std::move(diagnostics));
-        conductor.setOnForce([this](const ForceReading& reading) {
-            std::lock_guard guard(lock);
-            readings.push_back(reading);
-        });
-    }
-    std::vector<Push> commands(std::uint32_t type) {
-        std::lock_guard guard(lock);
-        std::vector<Push> found;
-        for (const auto& push : pushes)
-            if (push.command.type == type) found.push_back(push);
-        return found;
-    }
-    std::vector<ForceReading> forces() {
-        std::lock_guard guard(lock);
-        return readings;
-    }
-};
-
-EngineSettings fixedTier(Tier tier) {
-    EngineSettings settings;
-    settings.forceSensing = false;
-    settings.fixedTier = tier;
-    return settings;
-}
-
-KeyEvent down(std::uint16_t code) { return KeyEvent{code, KeyAction::down, MachTime::now()}; }
-KeyEvent up(std::uint16_t code) { return KeyEvent{code, KeyAction::up, MachTime::now()}; }
-
-std::shared_ptr<AudioOutput> makeOutput() {
-    return std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
-}
-
-// A conductor on the null audio device playing `pack`, with its commands and
-// readings recorded. The recorder is declared first so that it outlives the
-// conductor whose callbacks write into it.
-struct Rig {
-    Recorder recorder;
-    std::shared_ptr<AudioOutput> audio = makeOutput();
-    Conductor conductor;
-
-    explicit Rig(std::shared_ptr<const LoadedPack> pack) : conductor(audio, nullptr) { prepare(std::move(pack)); }
-    Rig(std::shared_ptr<const LoadedPack> pack, Conductor::Timing timing) : conductor(audio, nullptr, timing) {
-        prepare(std::move(pack));
-    }
-
-private:
-    void prepare(std::shared_ptr<const LoadedPack> pack) {
-        recorder.attach(conductor, audio);
-        conductor.setPack(std::move(pack));
-    }
-};
 
 class ConductorTest : public ::testing::Test {
 protected:
@@ -106,11 +33,11 @@ std::shared_ptr<const LoadedPack> ConductorTest::pack_;
 
 TEST_F(ConductorTest, SameKeyPlaysTheSameTakeAndDetuneAndKeysSpreadOverTakes) {
     Rig rig(pack_);
-    auto& [recorder, audio, conductor] = rig;
+    auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
 
     const std::vector<std::uint16_t> keys{0, 1, 2, 3, 5, 4, 38, 40, 37, 12, 13, 14, 0};
-    for (const auto code : keys) conductor.handle(down(code));
+    for (const auto code : keys) conductor.handle(rig.down(code));
     conductor.barrier();
 
     const auto starts = recorder.commands(TB_COMMAND_START);
@@ -141,9 +68,9 @@ TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights)
     };
     for (const Case c : {Case{Tier::slam, 2.7f, 3.0f}, Case{Tier::soft, 0.0f, 0.3f}, Case{Tier::medium, 0.7f, 1.3f}}) {
         Rig rig(pack_);
-        auto& [recorder, audio, conductor] = rig;
+        auto& [recorder, clock, audio, conductor] = rig;
         conductor.apply(fixedTier(c.tier), true);
-        for (int i = 0; i < 120; ++i) conductor.handle(down(std::uint16_t(i % 8)));
+        for (int i = 0; i < 120; ++i) conductor.handle(rig.down(std::uint16_t(i % 8)));
         conductor.barrier();
 
         const auto readings = recorder.forces();
@@ -173,12 +100,12 @@ TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights)
 
 TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinFivePercent) {
     Rig rig(pack_);
-    auto& [recorder, audio, conductor] = rig;
+    auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
 
     const std::vector<std::uint16_t> keys{0, 1, 2, 49, 36, 51, 56, 12, 13, 14, 15, 17, 16, 32};
     for (int round = 0; round < 4; ++round)
-        for (const auto code : keys) conductor.handle(up(code));
+        for (const auto code : keys) conductor.handle(rig.up(code));
     conductor.barrier();
 
     const auto releases = recorder.commands(TB_COMMAND_START);
@@ -202,25 +129,25 @@ TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinF
 }
 
 TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeItsSound) {
-    // Long enough that a slow sanitizer build cannot idle out again between the
-    // second key-down and the checks after it.
-    Rig rig(pack_, Conductor::Timing{20ms, 1000, 2s});
-    auto& [recorder, audio, conductor] = rig;
+    Rig rig(pack_);
+    auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
-    conductor.barrier();
+    conductor.handle(rig.down(0));
+    rig.advance(179s); // the idle checks at 15 s, 30 s, … 165 s find it busy
+    EXPECT_FALSE(conductor.isSuspended());
     EXPECT_TRUE(audio->isRunning());
-    conductor.handle(down(0));
 
-    ASSERT_TRUE(eventually([&] { return conductor.isSuspended(); }));
+    rig.advance(16s); // the check at 195 s finds 195 s without a key-down
+    EXPECT_TRUE(conductor.isSuspended());
     EXPECT_FALSE(audio->isRunning());
-    EXPECT_GE(recorder.commands(TB_COMMAND_RELEASE_ALL).size(), 2u); // setPack's and the suspension's
+    EXPECT_EQ(recorder.commands(TB_COMMAND_RELEASE_ALL).size(), 2u); // setPack's and the suspension's
 
-    conductor.handle(up(0)); // a key-up alone neither wakes nor sounds
+    conductor.handle(rig.up(0)); // a key-up alone neither wakes nor sounds
     conductor.barrier();
     EXPECT_TRUE(conductor.isSuspended());
     EXPECT_EQ(recorder.commands(TB_COMMAND_START).size(), 1u);
 
-    conductor.handle(down(1));
+    conductor.handle(rig.down(1));
     conductor.barrier();
     const auto starts = recorder.commands(TB_COMMAND_START);
     ASSERT_EQ(starts.size(), 2u);
@@ -232,14 +159,14 @@ TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeIt
 
 TEST_F(ConductorTest, DisabledSoundSuspendsAndIgnoresKeysUntilEnabled) {
     Rig rig(pack_);
-    auto& [recorder, audio, conductor] = rig;
+    auto& [recorder, clock, audio, conductor] = rig;
     auto settings = fixedTier(Tier::hard);
     conductor.apply(settings, true);
     settings.enabled = false;
     settings.volume = 0.25f;
     conductor.apply(settings, true);
-    conductor.handle(down(0));
-    conductor.handle(up(0));
+    conductor.handle(rig.down(0));
+    conductor.handle(rig.up(0));
     conductor.barrier();
     EXPECT_TRUE(conductor.isSuspended());
     EXPECT_FALSE(audio->isRunning());
@@ -250,7 +177,7 @@ TEST_F(ConductorTest, DisabledSoundSuspendsAndIgnoresKeysUntilEnabled) {
     conductor.apply(settings, false); // enabled, but nothing starts until asked
     conductor.barrier();
     EXPECT_FALSE(audio->isRunning());
-    conductor.handle(down(0));
+    conductor.handle(rig.down(0));
     conductor.barrier();
     EXPECT_TRUE(audio->isRunning());
     EXPECT_EQ(recorder.commands(TB_COMMAND_START).size(), 1u);
@@ -267,38 +194,68 @@ TEST(ConductorTags, NeverWrapToZero) {
 }
 
 TEST_F(ConductorTest, AReplacedPackLivesUntilTheMixerHasFadedItsVoices) {
-    auto audio = makeOutput();
-    Conductor conductor(audio, nullptr, Conductor::Timing{15s, 180'000, 30ms});
     auto first = fixtures::loadBuiltInPack("cream");
     std::weak_ptr<const LoadedPack> watch = first;
-    conductor.setPack(std::move(first));
+    Rig rig(std::move(first));
+    auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), false);
     conductor.setPack(pack_);
-    conductor.barrier();
 
-    // The output never ran, so the release-all has not been rendered yet:
-    // the old samples must stay, however often the drop is retried.
-    std::this_thread::sleep_for(300ms);
+    // The output never ran, so the release-all has not been rendered yet: the
+    // old samples must stay, however often the drop is tried.
+    rig.advance(10s);
     EXPECT_FALSE(watch.expired());
 
     ASSERT_TRUE(audio->start());
-    EXPECT_TRUE(eventually([&] { return watch.expired(); }));
+    ASSERT_TRUE(eventually([&] { return audio->renderedFrames() >= 16384; }));
+    rig.advance(2s);
+    EXPECT_TRUE(watch.expired());
+}
+
+// An output that connects but never pulls a block, so the ring fills.
+AudioBackendFactory stalledDevice() {
+    struct Stalled final : AudioBackend {
+        bool running = false;
+        bool start(std::string&) override { return running = true; }
+        void pause() override { running = false; }
+        bool isRunning() const override { return running; }
+    };
+    return AudioBackendFactory{"stalled", nullptr,
+                               [](const auto&, const auto&) { return std::make_unique<Stalled>(); }};
+}
+
+TEST_F(ConductorTest, AReleaseAllTheFullRingRefusedIsNeverSentAgainToFadeTheNewPack) {
+    auto first = fixtures::loadBuiltInPack("cream");
+    std::weak_ptr<const LoadedPack> watch = first;
+    Rig rig(std::move(first), {}, nullptr, std::make_shared<AudioOutput>(std::vector{stalledDevice()}, ""));
+    auto& [recorder, clock, audio, conductor] = rig;
+    conductor.apply(fixedTier(Tier::medium), true);
+    for (int i = 0; i < 600; ++i) conductor.handle(rig.down(KeyCode::a));
+    conductor.setPack(pack_);
+    rig.advance(60s);
+
+    const auto releases = recorder.commands(TB_COMMAND_RELEASE_ALL);
+    ASSERT_EQ(releases.size(), 2u);
+    EXPECT_TRUE(releases[0].pushed); // the first setPack's, into an empty ring
+    EXPECT_FALSE(releases[1].pushed);
+    // Its voices were never faded and nothing has played them out.
+    EXPECT_FALSE(watch.expired());
 }
 
 TEST_F(ConductorTest, AuditionPlaysTheSixteenKeyPhraseWithItsReleases) {
     Rig rig(pack_);
-    auto& [recorder, audio, conductor] = rig;
+    auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), false);
     conductor.audition();
+    conductor.barrier();
+    rig.advance(5s);
 
-    ASSERT_TRUE(eventually([&] { return recorder.commands(TB_COMMAND_START).size() >= 32; }, 5000ms));
     EXPECT_TRUE(audio->isRunning());
     int presses = 0, releases = 0;
     for (const auto& push : recorder.commands(TB_COMMAND_START))
         (push.command.layers[1].left ? presses : releases) += 1;
     EXPECT_EQ(presses, 16);
     EXPECT_EQ(releases, 16);
-    EXPECT_EQ(std::count(Conductor::auditionPhrase().begin(), Conductor::auditionPhrase().end(), 49), 1);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "TobrinKit/Engine/SerialQueue.h"
 
+#include "Support/ManualClock.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -46,30 +48,44 @@ TEST(SerialQueue, SyncReturnsTheResultAndRunsInlineOnTheQueue) {
     EXPECT_EQ(outer, 42);
 }
 
-TEST(SerialQueue, TimersFireInDeadlineOrderNotPostingOrder) {
-    SerialQueue queue("test.timers");
+TEST(SerialQueue, TimersFireInDeadlineOrderOnlyOnceTheClockHasPassedThem) {
+    auto clock = std::make_shared<test::ManualClock>();
+    SerialQueue queue("test.timers", clock);
     std::vector<int> order;
-    const auto start = std::chrono::steady_clock::now();
-    std::atomic<long long> lateForFirst{-1};
     queue.asyncAfter(30ms, [&] { order.push_back(3); });
     queue.asyncAfter(10ms, [&] {
-        lateForFirst =
-            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
         order.push_back(1);
+        // Due at once (now is 20 ms): runs in the same pass, after the 20 ms
+        // timers set before it.
+        queue.asyncAfter(0ms, [&] { order.push_back(11); });
     });
     queue.asyncAfter(20ms, [&] { order.push_back(2); });
-    std::this_thread::sleep_for(60ms);
-    queue.sync([] {});
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-    EXPECT_GE(lateForFirst.load(), 10'000);
+    queue.asyncAfter(20ms, [&] { order.push_back(22); }); // same deadline: in the order set
+    auto seen = [&] { return queue.sync([&] { return order; }); };
+
+    clock->advance(9ms);
+    EXPECT_EQ(seen(), (std::vector<int>{}));
+    clock->advance(11ms);
+    EXPECT_EQ(seen(), (std::vector<int>{1, 2, 22, 11}));
+    clock->advance(10ms);
+    EXPECT_EQ(seen(), (std::vector<int>{1, 2, 22, 11, 3}));
+}
+
+TEST(SerialQueue, HostClockTimerFiresNoEarlierThanItsDeadline) {
+    SerialQueue queue("test.host");
+    std::promise<std::uint64_t> fired;
+    const std::uint64_t deadline = queue.clock().now() + 5'000'000;
+    queue.asyncAt(deadline, [&] { fired.set_value(queue.clock().now()); });
+    EXPECT_GE(fired.get_future().get(), deadline);
 }
 
 TEST(SerialQueue, StopDropsPendingTimersAndLaterSyncRunsInline) {
+    auto clock = std::make_shared<test::ManualClock>();
     std::atomic<int> fired{0};
-    SerialQueue queue("test.stop");
+    SerialQueue queue("test.stop", clock);
     queue.asyncAfter(50ms, [&] { ++fired; });
     queue.stop();
-    std::this_thread::sleep_for(80ms);
+    clock->advance(80ms);
     EXPECT_EQ(fired, 0);
     EXPECT_EQ(queue.sync([] { return 5; }), 5);
 }
