@@ -121,6 +121,178 @@ std::vector<float> toFloat(const std::vector<double>& samples) {
     return out;
 }
 
+// What every step of one take reads: the key's shape, how hard it was struck,
+// and the strike's timing, pitch, decay and level once they are known.
+struct Take {
+    const SynthProfile& profile;
+    const KeySynth::GroupShape& shape;
+    double strength;
+    bool release;
+    bool slam;
+    bool bell;
+    double onsetSeconds = 0.0003; // where the strike starts
+    std::ptrdiff_t onset = 0;     // the same in samples
+    double pitch = 0;             // the group's frequency the modes are ratios of
+    double decayScale = 0;
+    double level = 0;
+};
+
+// The early sound (a leaf's scrape, a slider's tick); on a press it leads the
+// strike, which then starts later.
+void addEarlySound(Strike& strike, Take& take) {
+    if (!take.profile.early) return;
+    const auto& early = *take.profile.early;
+    double earlyLevel = 1.0;
+    if (take.release) {
+        earlyLevel = early.onRelease;
+    } else {
+        take.onsetSeconds = early.leadMilliseconds / 1000.0 + 0.0003;
+    }
+    if (!(earlyLevel > 0)) return;
+    const double pitchJitter = strike.jitter(0.03);
+    const auto& burst = early.burst;
+    strike.noiseBurst(pitchJitter * burst.center, burst.q, burst.decay,
+                      burst.amplitude * (0.25 * take.strength + 0.75) * earlyLevel, 14,
+                      std::min(frames(burst.decay * 10.0), strike.size() - 14));
+    if (early.tone) {
+        const auto& tone = *early.tone;
+        const double frequency = pitchJitter * tone.frequency;
+        if (frequency < highestFrequency)
+            strike.ringingPartial(frequency, tone.decay, tone.amplitude * earlyLevel, 0.0, 14,
+                                  frames(tone.decay * 9.0));
+    }
+}
+
+void planStrike(Take& take) {
+    if (take.release) {
+        take.pitch = take.shape.frequency * take.profile.releasePitch;
+        take.decayScale = 0.6;
+        take.level = take.shape.level * take.profile.releaseLevel;
+    } else {
+        take.pitch = take.shape.frequency;
+        if (take.slam) take.pitch *= 0.97; // a hard bottom-out sounds slightly lower
+        take.decayScale = 0.85 + 0.2 * take.strength;
+        take.level = take.shape.level * std::pow(take.strength, 1.25);
+    }
+    take.onset = frames(take.onsetSeconds);
+}
+
+void addImpact(Strike& strike, const Take& take) {
+    const auto& impact = take.profile.impact;
+    const double decay = (0.3 * take.strength + 0.8) * impact.decay;
+    const double centerJitter = strike.jitter(0.05);
+    strike.noiseBurst(take.pitch * impact.center * centerJitter, impact.q, decay, impact.amplitude * take.level,
+                      take.onset, frames(decay * 10.0));
+}
+
+// Higher modes grow faster with force, so a harder strike is brighter.
+void addBodyModes(Strike& strike, const Take& take) {
+    const auto& modes = take.profile.modes;
+    const double divisor = modes.size() >= 3 ? double(modes.size() - 1) : 1.0;
+    for (std::size_t i = 0; i < modes.size(); ++i) {
+        const auto& mode = modes[i];
+        const double frequencyJitter = strike.jitter(0.045);
+        const double amplitudeJitter = strike.jitter(0.18);
+        const double decayJitter = strike.jitter(0.1);
+        const double phase = 2.0 * pi * strike.noiseUnit();
+        const double decay = take.decayScale * take.shape.decay * mode.decay * decayJitter;
+        const double frequency = frequencyJitter * take.pitch * mode.frequency;
+        if (!(frequency < highestFrequency)) continue;
+        const double amplitude =
+            amplitudeJitter * take.level * mode.amplitude * std::pow(take.strength, 0.9 * double(i) / divisor);
+        strike.ringingPartial(frequency, decay, amplitude, phase, take.onset, frames(decay * 9.0));
+    }
+}
+
+// Case and plate, press only; not pitched by the group.
+void addThump(Strike& strike, const Take& take) {
+    if (take.release) return;
+    const auto& thump = take.profile.thump;
+    const double frequency = strike.jitter(0.05) * thump.frequency;
+    if (!(frequency < highestFrequency)) return;
+    const double decay = take.shape.decay * thump.decay;
+    const double amplitude = take.strength * take.strength * thump.amplitude * take.shape.level;
+    strike.ringingPartial(frequency, decay, amplitude, 0.0, take.onset, frames(decay * 9.0));
+}
+
+void addBottomOut(Strike& strike, const Take& take) {
+    if (!take.slam) return;
+    const auto& impact = take.profile.impact;
+    strike.noiseBurst(0.8 * impact.center, impact.q, impact.decay, 0.32 * take.level * impact.amplitude,
+                      frames(take.onsetSeconds + 0.0022), frames(impact.decay * 10.0));
+}
+
+void addPing(Strike& strike, const Take& take) {
+    if (take.release || !take.profile.ping) return;
+    const auto& ping = *take.profile.ping;
+    const double frequency = strike.jitter(0.02) * ping.frequency;
+    if (!(frequency < highestFrequency)) return;
+    const double phase = 2.0 * pi * strike.noiseUnit();
+    strike.ringingPartial(frequency, ping.decay, ping.amplitude * take.strength, phase, take.onset,
+                          frames(ping.decay * 9.0));
+}
+
+// Stabiliser rattle of the big keys, press and release.
+void addRattle(Strike& strike, const Take& take) {
+    if (!(take.shape.rattle > 0)) return;
+    const auto& impact = take.profile.impact;
+    for (const RattleHit& hit : rattleHits) {
+        const double timing = strike.shapeUnit();
+        const std::ptrdiff_t start = frames(take.onsetSeconds + hit.delay * (1.0 + 0.2 * (2.0 * timing - 1.0)));
+        if (start >= strike.size()) continue;
+        const double center = std::min(0.7 * impact.center * strike.jitter(0.1), highestFrequency);
+        strike.shapedNoise(Biquad::bandpass(center, 1.1, rate),
+                           impact.amplitude * take.level * take.shape.rattle * hit.level * 2.2,
+                           0.9812388294607182, // 1.1 ms decay
+                           start, 528);
+    }
+}
+
+// Carriage ratchet and bell on the Return key's press; neither depends on force.
+void addCarriageAndBell(Strike& strike, const Take& take) {
+    if (!take.bell || take.release) return;
+    for (int click = 0; click < 7; ++click) {
+        const std::ptrdiff_t start = frames(take.onsetSeconds + 0.012 + double(click) * 0.011);
+        if (start >= strike.size()) continue;
+        const double center = std::min(3800.0 * strike.jitter(0.05), highestFrequency);
+        strike.shapedNoise(Biquad::bandpass(center, 2.0, rate), 0.33,
+                           0.9658736772410497, // 0.6 ms decay
+                           start, 288);
+    }
+    const std::ptrdiff_t start = frames(take.onsetSeconds + 0.095);
+    for (const BellPartial& partial : bellPartials) {
+        const double frequency = partial.ratio * bellFrequency;
+        if (!(frequency < highestFrequency)) continue;
+        strike.ringingPartial(frequency, partial.decay, partial.amplitude, 0.0, start, frames(partial.decay * 9.0));
+    }
+}
+
+void shapeTone(std::vector<double>& mono, const Take& take) {
+    const double cutoff =
+        take.release ? take.profile.brightness * 1.1 : take.profile.brightness * (0.5 + 0.5 * take.strength);
+    Biquad::lowpass(cutoff, 0.7071, rate).process(mono);
+    Biquad::highpass(55.0, 0.7071, rate).process(mono);
+}
+
+// Darker early reflections, weighted unequally to the two sides.
+KeySynth::Sound addRoom(std::vector<double> mono, double roomLevel) {
+    const std::ptrdiff_t length = std::ptrdiff_t(mono.size());
+    std::vector<double> room = mono;
+    Biquad::lowpass(5000.0, 0.7071, rate).process(room);
+    std::vector<double> left = mono;
+    std::vector<double> right = std::move(mono);
+    for (const Reflection& reflection : reflections) {
+        const std::ptrdiff_t delay = frames(reflection.delayMilliseconds / 1000.0);
+        const double gain = roomLevel * reflection.gain;
+        for (std::ptrdiff_t n = 0; n < length - delay; ++n) {
+            left[delay + n] += reflection.left * gain * room[n];
+            right[delay + n] += reflection.right * gain * room[n];
+        }
+    }
+    KeySynth::trim(left, right);
+    return KeySynth::Sound{toFloat(left), toFloat(right)};
+}
+
 } // namespace
 
 std::uint64_t KeySynth::seed(std::initializer_list<std::string_view> parts) {
@@ -168,181 +340,39 @@ void KeySynth::trim(std::vector<double>& left, std::vector<double>& right) {
 
 KeySynth::Sound KeySynth::render(KeyGroup group, std::optional<Tier> tier, std::uint32_t variant,
                                  const SynthProfile& profile) {
-    // 1. Shape, strength, press or release.
-    const GroupShape& shape = KeySynth::shape(group);
-    const double s = strength(tier);
-    const bool release = !tier;
-    const bool bell = profile.bellOnEnter && group == KeyGroup::enter;
+    Take take{profile, KeySynth::shape(group), strength(tier),
+              !tier,   tier == Tier::slam,     profile.bellOnEnter && group == KeyGroup::enter};
 
-    const std::string number = std::to_string(variant);
-    const std::string_view groupName = rawValue(group);
-    const std::string_view tierName = tier ? name(*tier) : std::string_view("up");
-
-    // 2. Buffer length from the longest decay.
+    // The buffer holds the longest decay.
     double longestDecay = 0.03;
     if (!profile.modes.empty()) {
         longestDecay = profile.modes.front().decay;
         for (const auto& mode : profile.modes) longestDecay = std::max(longestDecay, mode.decay);
     }
-    double seconds = longestDecay * shape.decay * 9.0 + 0.05;
-    if (bell) seconds += 0.9;
+    double seconds = longestDecay * take.shape.decay * 9.0 + 0.05;
+    if (take.bell) seconds += 0.9;
     seconds = std::min(seconds, 1.6);
 
+    // The shape stream leaves out the tier, so every force of a key (and its
+    // release) is the same instrument; the noise stream is the take's own.
+    const std::string number = std::to_string(variant);
+    const std::string_view groupName = rawValue(group);
+    const std::string_view tierName = tier ? name(*tier) : std::string_view("up");
     Strike strike(frames(seconds), seed({profile.id, groupName, "key", number}),
                   seed({profile.id, groupName, tierName, number}));
-    const std::ptrdiff_t N = strike.size();
 
-    // 3. Early sound; on a press it leads the strike.
-    double T = 0.0003;
-    if (profile.early) {
-        const auto& early = *profile.early;
-        double earlyLevel = 1.0;
-        if (release) {
-            earlyLevel = early.onRelease;
-        } else {
-            T = early.leadMilliseconds / 1000.0 + 0.0003;
-        }
-        if (earlyLevel > 0) {
-            const double ej = strike.jitter(0.03);
-            const auto& burst = early.burst;
-            strike.noiseBurst(ej * burst.center, burst.q, burst.decay, burst.amplitude * (0.25 * s + 0.75) * earlyLevel,
-                              14, std::min(frames(burst.decay * 10.0), N - 14));
-            if (early.tone) {
-                const auto& tone = *early.tone;
-                const double frequency = ej * tone.frequency;
-                if (frequency < highestFrequency) {
-                    strike.ringingPartial(frequency, tone.decay, tone.amplitude * earlyLevel, 0.0, 14,
-                                          frames(tone.decay * 9.0));
-                }
-            }
-        }
-    }
-
-    // 4. Strike parameters.
-    double F, D, V;
-    if (release) {
-        F = shape.frequency * profile.releasePitch;
-        D = 0.6;
-        V = shape.level * profile.releaseLevel;
-    } else {
-        F = shape.frequency;
-        if (*tier == Tier::slam) F *= 0.97; // a hard bottom-out sounds slightly lower
-        D = 0.85 + 0.2 * s;
-        V = shape.level * std::pow(s, 1.25);
-    }
-    const std::ptrdiff_t S = frames(T);
-
-    // 5. Impact.
-    {
-        const auto& impact = profile.impact;
-        const double decay = (0.3 * s + 0.8) * impact.decay;
-        const double centerJitter = strike.jitter(0.05);
-        strike.noiseBurst(F * impact.center * centerJitter, impact.q, decay, impact.amplitude * V, S,
-                          frames(decay * 10.0));
-    }
-
-    // 6. Body modes; higher modes grow faster with force, so a harder strike is brighter.
-    {
-        const std::size_t M = profile.modes.size();
-        const double divisor = M >= 3 ? double(M - 1) : 1.0;
-        for (std::size_t i = 0; i < M; ++i) {
-            const auto& mode = profile.modes[i];
-            const double fj = strike.jitter(0.045);
-            const double aj = strike.jitter(0.18);
-            const double dj = strike.jitter(0.1);
-            const double u = strike.noiseUnit();
-            const double decay = D * shape.decay * mode.decay * dj;
-            const double frequency = fj * F * mode.frequency;
-            if (!(frequency < highestFrequency)) continue;
-            const double amplitude = aj * V * mode.amplitude * std::pow(s, 0.9 * double(i) / divisor);
-            strike.ringingPartial(frequency, decay, amplitude, 2.0 * pi * u, S, frames(decay * 9.0));
-        }
-    }
-
-    // 7. Thump of case and plate, press only; not pitched by the group.
-    if (!release) {
-        const auto& thump = profile.thump;
-        const double frequency = strike.jitter(0.05) * thump.frequency;
-        if (frequency < highestFrequency) {
-            const double decay = shape.decay * thump.decay;
-            const double amplitude = s * s * thump.amplitude * shape.level;
-            strike.ringingPartial(frequency, decay, amplitude, 0.0, S, frames(decay * 9.0));
-        }
-    }
-
-    // 8. Bottom-out, slam only.
-    if (tier == Tier::slam) {
-        const auto& impact = profile.impact;
-        strike.noiseBurst(0.8 * impact.center, impact.q, impact.decay, 0.32 * V * impact.amplitude, frames(T + 0.0022),
-                          frames(impact.decay * 10.0));
-    }
-
-    // 9. Ping, press only.
-    if (!release && profile.ping) {
-        const auto& ping = *profile.ping;
-        const double frequency = strike.jitter(0.02) * ping.frequency;
-        if (frequency < highestFrequency) {
-            const double u = strike.noiseUnit();
-            strike.ringingPartial(frequency, ping.decay, ping.amplitude * s, 2.0 * pi * u, S, frames(ping.decay * 9.0));
-        }
-    }
-
-    // 10. Stabiliser rattle, press and release.
-    if (shape.rattle > 0) {
-        const auto& impact = profile.impact;
-        for (const RattleHit& hit : rattleHits) {
-            const double tj = strike.shapeUnit();
-            const std::ptrdiff_t start = frames(T + hit.delay * (1.0 + 0.2 * (2.0 * tj - 1.0)));
-            if (start >= N) continue;
-            const double center = std::min(0.7 * impact.center * strike.jitter(0.1), highestFrequency);
-            strike.shapedNoise(Biquad::bandpass(center, 1.1, rate),
-                               impact.amplitude * V * shape.rattle * hit.level * 2.2,
-                               0.9812388294607182, // 1.1 ms decay
-                               start, 528);
-        }
-    }
-
-    // 11. Carriage ratchet and bell on the Return key's press; neither depends on force.
-    if (bell && !release) {
-        for (int k = 0; k < 7; ++k) {
-            const std::ptrdiff_t start = frames(T + 0.012 + double(k) * 0.011);
-            if (start >= N) continue;
-            const double center = std::min(3800.0 * strike.jitter(0.05), highestFrequency);
-            strike.shapedNoise(Biquad::bandpass(center, 2.0, rate), 0.33,
-                               0.9658736772410497, // 0.6 ms decay
-                               start, 288);
-        }
-        const std::ptrdiff_t start = frames(T + 0.095);
-        for (const BellPartial& partial : bellPartials) {
-            const double frequency = partial.ratio * bellFrequency;
-            if (!(frequency < highestFrequency)) continue;
-            strike.ringingPartial(frequency, partial.decay, partial.amplitude, 0.0, start, frames(partial.decay * 9.0));
-        }
-    }
-
-    // 12. Tone.
-    std::vector<double>& mono = strike.buffer;
-    const double cutoff = release ? profile.brightness * 1.1 : profile.brightness * (0.5 + 0.5 * s);
-    Biquad::lowpass(cutoff, 0.7071, rate).process(mono);
-    Biquad::highpass(55.0, 0.7071, rate).process(mono);
-
-    // 13. Room: darker early reflections, weighted unequally to the two sides.
-    std::vector<double> room = mono;
-    Biquad::lowpass(5000.0, 0.7071, rate).process(room);
-    std::vector<double> left = mono;
-    std::vector<double> right = std::move(mono);
-    for (const Reflection& reflection : reflections) {
-        const std::ptrdiff_t k = frames(reflection.delayMilliseconds / 1000.0);
-        const double w = profile.room * reflection.gain;
-        for (std::ptrdiff_t n = 0; n < N - k; ++n) {
-            left[k + n] += reflection.left * w * room[n];
-            right[k + n] += reflection.right * w * room[n];
-        }
-    }
-
-    // 14.
-    trim(left, right);
-    return Sound{toFloat(left), toFloat(right)};
+    // Each step draws from the streams in turn: their order is part of the sound.
+    addEarlySound(strike, take);
+    planStrike(take);
+    addImpact(strike, take);
+    addBodyModes(strike, take);
+    addThump(strike, take);
+    addBottomOut(strike, take);
+    addPing(strike, take);
+    addRattle(strike, take);
+    addCarriageAndBell(strike, take);
+    shapeTone(strike.buffer, take);
+    return addRoom(std::move(strike.buffer), profile.room);
 }
 
 } // namespace tobrin
