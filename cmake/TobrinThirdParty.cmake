@@ -5,6 +5,10 @@ find_package(Threads REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET GLOBAL sndfile)
 pkg_check_modules(SOXR REQUIRED IMPORTED_TARGET GLOBAL soxr)
+if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
+  # The independent loudness meter the tests and benchmarks compare against.
+  pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)
+endif()
 
 # Standalone Asio is header-only. Its configuration travels with this target:
 # Asio picks aligned_alloc/free or operator new/delete by whether a standard
