@@ -297,10 +297,14 @@ void mixVoice(TBMixer& mixer, Voice& voice, float* outLeft, float* outRight, std
     mixVoicePortably(mixer, voice, outLeft, outRight, frames);
 }
 
-// A knee at 0.8 that approaches 1.0 and never reaches it.
+// A knee at 0.8 that approaches 1.0 (reached only by rounding, for huge
+// inputs). The last stage before the device, so it holds whatever the voices
+// summed to: an infinity leaves as full scale and NaN as silence. Both tests
+// sit behind the knee, off the common path.
 inline float softLimit(float y) {
     const float magnitude = std::fabs(y);
-    if (!(magnitude > 0.8f)) return y;
+    if (magnitude <= 0.8f) return y;
+    if (std::isnan(magnitude)) return 0.0f;
     float t = (magnitude - 0.8f) / 0.2f;
     t = std::isinf(t) ? 1.0f : t / (t + 1.0f);
     return std::copysign(0.8f + 0.2f * t, y);

@@ -203,6 +203,47 @@ TEST_P(MixerReference, WholePositionsAndSilencedLayersIgnoreAnInfiniteSample) {
     }
 }
 
+// Whatever the voices carry, the device gets finite samples within full scale:
+// huge samples overflowing in interpolation, infinities of both signs meeting
+// in one sum, NaN samples and NaN or infinite weights. Both paths still agree
+// with the definition to the bit.
+TEST_P(MixerReference, OutputIsFiniteAndWithinFullScaleWhateverTheVoicesCarry) {
+    constexpr float huge = 3e38f;
+    std::vector<float> alternating(64), nan(64, NAN), positive(64, INFINITY), negative(64, -INFINITY);
+    for (std::size_t i = 0; i < alternating.size(); ++i) alternating[i] = i % 2 == 0 ? huge : -huge;
+    const std::vector<float> plain(64, 0.5f);
+    struct Case {
+        const char* name;
+        TBCommand start;
+    };
+    const Case cases[] = {
+        {"huge samples interpolated", startCommand(1, {sampleOf(alternating)}, {1.0f}, 0.0f, 1.5f)},
+        {"opposite infinities summed", startCommand(1, {sampleOf(positive), sampleOf(negative)}, {1.0f, 1.0f})},
+        {"NaN samples", startCommand(1, {sampleOf(nan), sampleOf(plain)}, {1.0f, 1.0f}, 0.3f, 1.25f)},
+        {"NaN weight", startCommand(1, {sampleOf(plain)}, {NAN})},
+        {"infinite weights", startCommand(1, {sampleOf(plain), sampleOf(alternating)}, {INFINITY, -INFINITY})},
+    };
+    for (const Case& test : cases) {
+        for (const bool stereo : {true, false}) {
+            SCOPED_TRACE(testing::Message() << test.name << (stereo ? ", stereo" : ", mono"));
+            auto mixer = makeMixer(48000, 4, GetParam());
+            ReferenceMixer reference(48000, 4);
+            tb_mixer_push(mixer.get(), &test.start);
+            reference.push(test.start);
+            std::vector<float> left(128), right(128), refLeft(128), refRight(128);
+            tb_mixer_render(mixer.get(), left.data(), stereo ? right.data() : nullptr, 128);
+            reference.render(refLeft.data(), stereo ? refRight.data() : nullptr, 128);
+            for (std::size_t i = 0; i < left.size(); ++i) {
+                for (const float sample : {left[i], right[i]}) {
+                    ASSERT_TRUE(std::isfinite(sample) && std::fabs(sample) <= 1.0f) << sample << " at frame " << i;
+                }
+            }
+            EXPECT_EQ(std::memcmp(left.data(), refLeft.data(), sizeof(float) * left.size()), 0);
+            EXPECT_EQ(std::memcmp(right.data(), refRight.data(), sizeof(float) * right.size()), 0);
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(BothPaths, MixerReference, testing::Values(MixerPath::Native, MixerPath::Portable),
                          [](const testing::TestParamInfo<MixerPath>& param) { return pathName(param.param); });
 

@@ -138,6 +138,7 @@ void ReferenceMixer::render(float* left, float* right, std::uint32_t frames) {
     }
 
     auto limit = [](float y) {
+        if (std::isnan(y)) return 0.0f; // silence, never NaN, reaches the device
         if (std::fabs(y) > 0.8f) {
             float t = (std::fabs(y) - 0.8f) / 0.2f;
             t = std::isinf(t) ? 1.0f : t / (t + 1); // an infinite input goes to the limit, not to NaN
