@@ -41,7 +41,9 @@ struct ForceReading {
 };
 
 // Decoding throws nlohmann::json::exception for a present key of the wrong
-// type or an invalid value (a fixedTier that is not 0...3, a broken shortcut).
+// type (a float that is not a number, a bool that is not true or false) or an
+// invalid value (a float beyond a float's range, a fixedTier that is not
+// 0...3, a broken shortcut).
 void to_json(nlohmann::json& json, const EngineSettings& settings);
 void from_json(const nlohmann::json& json, EngineSettings& settings);
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <limits>
+
 namespace tobrin {
 namespace {
 
@@ -28,6 +30,8 @@ TEST(EngineSettings, MissingKeysKeepTheirDefaults) {
     expected.fixedTier = Tier::slam;
     expected.releaseSounds = false;
     EXPECT_EQ(decode(R"({"fixedTier": 3, "releaseSounds": false, "someFutureKey": [1, 2]})"), expected);
+    // The largest float is still a float.
+    EXPECT_EQ(decode(R"({"spatial": -3.4028234663852886e38})").spatial, -std::numeric_limits<float>::max());
 }
 
 TEST(EngineSettings, InvalidValuesFailDecoding) {
@@ -38,6 +42,11 @@ TEST(EngineSettings, InvalidValuesFailDecoding) {
         R"({"enabled": "yes"})",
         R"({"volume": null})",
         R"({"volume": "loud"})",
+        R"({"volume": true})",
+        R"({"volume": 1e300})",
+        R"({"sensitivity": -3.5e38})",
+        R"({"spatial": [0.5]})",
+        R"({"enabled": 1})",
         R"({"shortcut": {"keyCode": 40}})",
         R"({"shortcut": {"keyCode": -3, "modifiers": 11}})",
         R"([])",
