@@ -31,6 +31,9 @@ struct MixerDeleter {
 } // namespace
 
 float relativeStrength(float position) {
+    // NaN is the softest position, as the tier weights take it; converted to
+    // an index it would point anywhere.
+    if (std::isnan(position)) return relativeOfTier[0];
     const auto tier = std::size_t(std::clamp(std::round(position), 0.0f, 3.0f));
     return relativeOfTier[tier];
 }

@@ -96,9 +96,23 @@ TEST_F(OfflineRendererTest, OnsetsAreQuantisedToTheirSixtyFourFrameBlock) {
     EXPECT_TRUE(std::equal(atZero.left.begin(), atZero.left.end() - 64, later.left.begin() + 64));
 }
 
+// A NaN position is a defined value on every path a stroke takes (tier,
+// strength, weights, release): the render equals that of the softest position.
+TEST_F(OfflineRendererTest, NaNPositionsPlayAsTheSoftest) {
+    auto script = OfflineRenderer::typingScript("nan keys", 120, 5, [](int, int) { return NAN; });
+    const auto withNaN = OfflineRenderer::render(*pack_, script, EngineSettings(), 0.3, 48000);
+    for (ScriptedKey& key : script) key.position = 0.0f;
+    const auto soft = OfflineRenderer::render(*pack_, script, EngineSettings(), 0.3, 48000);
+    EXPECT_EQ(withNaN.left, soft.left);
+    EXPECT_EQ(withNaN.right, soft.right);
+    EXPECT_GT(*std::max_element(soft.left.begin(), soft.left.end()), 0.01f);
+}
+
 TEST(OfflineRenderer, ScriptPositionsRoundToATierForTheirStrength) {
-    const std::pair<float, float> cases[] = {{2.6f, 4.0f}, {2.5f, 4.0f},  {2.4f, 2.2f},  {1.49f, 1.0f},
-                                             {0.5f, 1.0f}, {0.49f, 0.4f}, {-1.0f, 0.4f}, {7.0f, 4.0f}};
+    // NaN is the softest position, as the tier weights take it.
+    const std::pair<float, float> cases[] = {{2.6f, 4.0f}, {2.5f, 4.0f},     {2.4f, 2.2f},     {1.49f, 1.0f},
+                                             {0.5f, 1.0f}, {0.49f, 0.4f},    {-1.0f, 0.4f},    {7.0f, 4.0f},
+                                             {NAN, 0.4f},  {INFINITY, 4.0f}, {-INFINITY, 0.4f}};
     for (const auto& [position, relative] : cases)
         EXPECT_EQ(OfflineRenderer::relativeStrength(position), relative) << position;
 }
