@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TobrinKit/Engine/Samples/SoundReader.h"
+
 #include "TobrinMixer.h"
 
 #include <cstddef>
@@ -7,7 +9,6 @@
 #include <limits>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <vector>
 
 namespace tobrin {
@@ -20,17 +21,10 @@ namespace tobrin {
 // pointer, not a copy. Move-only: moving hands the same blocks to a new owner.
 class SampleBuffer {
 public:
-    // The audio library could not open the file; what() is its own message, unchanged.
-    class OpenError : public std::runtime_error {
-    public:
-        using std::runtime_error::runtime_error;
-    };
-
+    // The file could not be opened; what() names it and gives the reason.
+    using OpenError = SoundReader::OpenError;
     // The decoded sound would be longer than the frame limit passed to load().
-    class TooLong : public std::runtime_error {
-    public:
-        using std::runtime_error::runtime_error;
-    };
+    using TooLong = SoundReader::TooLong;
 
     // Copies the samples. Without `right` the sound is mono. A `right` of
     // another length than `left` is a programming error and aborts.
@@ -41,13 +35,16 @@ public:
     SampleBuffer(const SampleBuffer&) = delete;
     SampleBuffer& operator=(const SampleBuffer&) = delete;
 
-    // Decodes an audio file (libsndfile) and converts it to `sampleRate`
-    // (libsoxr, very high quality). Channels beyond the second are ignored.
-    // A file that cannot be opened throws OpenError; every other failure
-    // throws PackError::decode. With `frameLimit`, a result longer than that
-    // many frames throws TooLong, without decoding more than it has to.
+    // Decodes an audio file and converts it to `sampleRate` (SoundReader:
+    // libsndfile, libsoxr at very high quality, samples bounded to ±4).
+    // Channels beyond the second are ignored. A file that cannot be opened
+    // throws OpenError; every other failure throws PackError::decode. With
+    // `frameLimit`, a result longer than that many frames throws TooLong,
+    // refused from the header when it says so, else without decoding more
+    // than it has to. Memory peaks at the result plus a few chunks.
     static SampleBuffer load(const std::filesystem::path& path, double sampleRate,
                              std::size_t frameLimit = std::numeric_limits<std::size_t>::max());
+    static SampleBuffer load(SoundReader& reader, std::size_t frameLimit = std::numeric_limits<std::size_t>::max());
 
     const float* left() const { return leftData_; }
     const float* right() const { return rightData_; }
