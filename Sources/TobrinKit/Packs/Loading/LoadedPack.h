@@ -19,6 +19,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -53,10 +54,12 @@ public:
     // when it cannot be read, PackManifest::DecodeError when it does not decode.
     static PackManifest readManifest(const std::filesystem::path& folder);
 
-    // Decodes every file the manifest names at `sampleRate`. Throws PackError
-    // (invalid manifest, a path leaving the pack folder, too much audio, no
-    // usable sound), or the decoder's error unchanged (SampleBuffer::load).
-    // Nothing partial is ever returned.
+    // Decodes every file the manifest names at `sampleRate`. Files are
+    // opened beneath the pack folder's descriptor (ConfinedFolder), so no
+    // path, link or swap leads out of it. Throws PackError (invalid
+    // manifest, a path leaving the pack folder, too much audio, no usable
+    // sound), or the decoder's OpenError naming the file. Nothing partial is
+    // ever returned.
     static std::shared_ptr<const LoadedPack> load(const PackInfo& info, double sampleRate);
 
     // Entry (variant modulo the length of each tier's list) of every tier.
@@ -80,7 +83,12 @@ public:
     LoadedPack& operator=(const LoadedPack&) = delete;
 
 private:
-    using TierTakes = std::array<std::vector<Take>, 4>;
+    // The takes of one press tier: a list of lists_, at the gain it plays
+    // at for this tier. Groups and tiers served by another share its list.
+    struct TierTakes {
+        std::uint32_t list = 0;
+        float gain = 1.0f;
+    };
 
     LoadedPack() = default;
 
@@ -89,9 +97,12 @@ private:
     std::size_t memoryBytes_ = 0;
     // Owns the audio every take points into; never resized after load.
     std::vector<SampleBuffer> buffers_;
-    // Indexed by KeyGroup; each tier list is non-empty after a successful load.
-    std::array<TierTakes, 5> down_;
-    std::array<std::vector<Take>, 5> up_;
+    // Each list of takes the manifest names, once; none is empty.
+    std::vector<std::vector<TBSample>> lists_;
+    // Indexed by KeyGroup, then Tier.
+    std::array<std::array<TierTakes, 4>, 5> down_{};
+    // Indexed by KeyGroup: the list of release takes, if any.
+    std::array<std::optional<std::uint32_t>, 5> up_;
 };
 
 } // namespace tobrin
