@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cmath>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 #include <unistd.h>
 
@@ -45,6 +44,9 @@ std::string string(const json& value, const std::string& where) {
 
 std::vector<std::string> strings(const json& value, const std::string& where) {
     if (!value.is_array()) fail("\"" + where + "\" must be an array of strings, not " + value.type_name());
+    if (value.size() > PackManifest::maxTakesPerList) {
+        fail("\"" + where + "\" lists more than " + std::to_string(PackManifest::maxTakesPerList) + " files");
+    }
     std::vector<std::string> result;
     result.reserve(value.size());
     for (std::size_t i = 0; i < value.size(); ++i) {
@@ -83,6 +85,9 @@ PackManifest::Group decodeGroup(const json& value, const std::string& where) {
     PackManifest::Group group;
     const std::string downPath = keyPath(where, "down");
     const json& down = object(required(value, where, "down"), downPath);
+    if (down.size() > PackManifest::maxTiersPerGroup) {
+        fail("\"" + downPath + "\" has more than " + std::to_string(PackManifest::maxTiersPerGroup) + " entries");
+    }
     for (const auto& [tier, paths] : down.items()) group.down.emplace(tier, strings(paths, keyPath(downPath, tier)));
     if (const json* up = optional(value, "up")) group.up = strings(*up, keyPath(where, "up"));
     return group;
@@ -96,9 +101,14 @@ std::string withoutExceptionTag(const std::string& message) {
     return end == std::string::npos ? message : message.substr(end + 2);
 }
 
+std::string tooLarge() {
+    return "the manifest is larger than " + std::to_string(PackManifest::maxFileBytes >> 20) + " MiB";
+}
+
 } // namespace
 
 PackManifest PackManifest::decode(std::string_view text) {
+    if (text.size() > maxFileBytes) fail(tooLarge());
     json root;
     try {
         root = json::parse(text.begin(), text.end());
@@ -116,6 +126,7 @@ PackManifest PackManifest::decode(std::string_view text) {
     if (const json* value = optional(root, "author")) manifest.author = string(*value, "author");
     if (const json* value = optional(root, "license")) manifest.license = string(*value, "license");
     const json& groups = object(required(root, "", "groups"), "groups");
+    if (groups.size() > maxGroups) fail("\"groups\" has more than " + std::to_string(maxGroups) + " entries");
     for (const auto& [key, value] : groups.items()) {
         manifest.groups.emplace(key, decodeGroup(value, keyPath("groups", key)));
     }
@@ -127,10 +138,17 @@ PackManifest PackManifest::read(const std::filesystem::path& folder) {
     // Only a regular file counts: opening a FIFO named pack.json would block.
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error)) throw PackError::missingManifest(folder);
+    // Refused unread when too large, and read no further than the bound in
+    // case the file grows meanwhile: a pack in the user's folder must not
+    // cost discovery more than a small manifest does.
+    const std::uintmax_t size = std::filesystem::file_size(file, error);
+    if (!error && size > maxFileBytes) fail(tooLarge());
     std::ifstream in(file, std::ios::binary);
     if (!in) throw PackError::missingManifest(folder);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string text(maxFileBytes + 1, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
     if (in.bad()) throw PackError::missingManifest(folder);
+    text.resize(static_cast<std::size_t>(in.gcount()));
     return decode(text);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -37,6 +38,15 @@ struct PackManifest {
 
     static constexpr std::string_view fileName = "pack.json";
 
+    // Packs come from strangers. These bounds keep a hostile manifest cheap
+    // to refuse: its size is checked before a byte is read or parsed, its
+    // counts while it is decoded. Real packs stay far inside them (a starter
+    // pack is 6 KB with 60 takes in 5 groups).
+    static constexpr std::size_t maxFileBytes = 1 << 20; // 1 MiB
+    static constexpr std::size_t maxGroups = 32;         // entries of "groups", known names or not
+    static constexpr std::size_t maxTiersPerGroup = 16;  // entries of a group's "down"
+    static constexpr std::size_t maxTakesPerList = 1024; // paths in one tier's list or in "up"
+
     std::int64_t formatVersion = 1;
     std::string id;
     std::string name;
@@ -49,10 +59,12 @@ struct PackManifest {
     friend bool operator==(const PackManifest&, const PackManifest&) = default;
 
     // Required keys must be present with the right JSON type; optional keys
-    // may be absent or null; unknown keys are ignored. Throws DecodeError.
+    // may be absent or null; unknown keys are ignored. Text or counts beyond
+    // the bounds above fail too. Throws DecodeError.
     static PackManifest decode(std::string_view json);
 
-    // Reads and decodes `folder`/pack.json. A file that cannot be read
+    // Reads and decodes `folder`/pack.json; a file larger than maxFileBytes
+    // is refused (DecodeError) unread. A file that cannot be read
     // throws PackError::missingManifest(folder); a decoding failure throws
     // DecodeError, which callers turn into the error they report.
     static PackManifest read(const std::filesystem::path& folder);

@@ -1,4 +1,5 @@
 #include "TobrinKit/Packs/PackLibrary.h"
+#include "TobrinKit/Packs/PackError.h"
 #include "TobrinKit/Packs/PackManifest.h"
 
 #include "Support/SoundFiles.h"
@@ -98,6 +99,23 @@ TEST(PackLibrary, ListsOnlyPackFoldersDirectlyInsideTheFolder) {
     EXPECT_EQ(packs[0].directory, scratch / "link");
     EXPECT_TRUE(PackLibrary::discover(scratch / "does-not-exist", false).empty());
     EXPECT_TRUE(PackLibrary::discover(scratch / "notes.txt", false).empty());
+}
+
+// A pack in the user's folder costs discovery no more than a small manifest:
+// one far over the bound is refused from its size, unread and unparsed.
+TEST(PackLibrary, LeavesOutAnOversizedManifestWithoutReadingIt) {
+    ScratchFolder scratch;
+    writePack(scratch / "good", "good", "Good");
+    writePack(scratch / "huge", "huge", "Huge");
+    // Sparse: a gibibyte to any reader, nothing on disk.
+    std::filesystem::resize_file(scratch / "huge" / "pack.json", std::uintmax_t{1} << 30);
+    EXPECT_EQ(names(PackLibrary::discover(scratch.path(), false)), std::vector<std::string>{"Good"});
+    try {
+        PackInfo::read(scratch / "huge", false);
+        ADD_FAILURE() << "read";
+    } catch (const PackError& error) {
+        EXPECT_STREQ(error.what(), "Invalid pack.json: the manifest is larger than 1 MiB");
+    }
 }
 
 TEST(PackLibrary, MergesByIdAndSortsBuiltInBeforeUserPacksByName) {

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cstring>
+
 #include <sys/stat.h>
 
 namespace tobrin {
@@ -104,6 +106,48 @@ TEST(PackManifest, RejectsMissingKeysAndWrongTypesNamingTheKey) {
     const std::string syntax = decodeError(R"({"formatVersion": 1,)");
     EXPECT_TRUE(syntax.starts_with("parse error at line 1")) << syntax;
     EXPECT_EQ(decodeError(withGroups(R"({"alpha": {"down": {}, "up": null}})")), "(decoded)");
+}
+
+// A JSON list of `count` copies of one path, and an object of `count` keys.
+std::string pathList(std::size_t count) {
+    std::string list = "[";
+    for (std::size_t i = 0; i < count; ++i) list += i == 0 ? "\"a.wav\"" : ",\"a.wav\"";
+    return list + "]";
+}
+std::string objectOf(std::size_t count, const std::string& value) {
+    std::string object = "{";
+    for (std::size_t i = 0; i < count; ++i) object += (i == 0 ? "\"k" : ",\"k") + std::to_string(i) + "\":" + value;
+    return object + "}";
+}
+
+// Each bound is accepted exactly and refused one over, before the text is
+// turned into a manifest.
+TEST(PackManifest, RefusesManifestsBeyondItsSizeAndCountBounds) {
+    const std::string group = R"({"down": {"soft": ["a.wav"]}})";
+    const std::string padded =
+        std::string(minimal) + std::string(PackManifest::maxFileBytes - std::strlen(minimal), ' ');
+    struct Case {
+        std::string text;
+        std::string error; // empty: decodes
+    };
+    const Case cases[] = {
+        {withGroups(objectOf(PackManifest::maxGroups, group)), ""},
+        {withGroups(objectOf(PackManifest::maxGroups + 1, group)), "\"groups\" has more than 32 entries"},
+        {withGroups(R"({"alpha": {"down": )" + objectOf(PackManifest::maxTiersPerGroup, "[]") + "}}"), ""},
+        {withGroups(R"({"alpha": {"down": )" + objectOf(PackManifest::maxTiersPerGroup + 1, "[]") + "}}"),
+         "\"groups.alpha.down\" has more than 16 entries"},
+        {withGroups(R"({"alpha": {"down": {"soft": )" + pathList(PackManifest::maxTakesPerList) + "}}}"), ""},
+        {withGroups(R"({"alpha": {"down": {"soft": )" + pathList(PackManifest::maxTakesPerList + 1) + "}}}"),
+         "\"groups.alpha.down.soft\" lists more than 1024 files"},
+        {withGroups(R"({"alpha": {"down": {}, "up": )" + pathList(PackManifest::maxTakesPerList + 1) + "}}"),
+         "\"groups.alpha.up\" lists more than 1024 files"},
+        {padded, ""},
+        {padded + " ", "the manifest is larger than 1 MiB"},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.text.substr(0, 120));
+        EXPECT_EQ(decodeError(test.text), test.error.empty() ? "(decoded)" : test.error);
+    }
 }
 
 TEST(PackManifest, AcceptsAnyIntegerVersionIncludingOnesWrittenWithAFraction) {
