@@ -1,9 +1,12 @@
 // Loads a pack folder made of arbitrary files. The input is split at each
 // "\n--8<--\n": the first part is pack.json, the following parts are the
 // files named in `fileNames`, in order. A load must either fail with one of
-// the documented errors or give a pack whose every query is usable.
+// the documented errors or give a pack whose every query is usable and whose
+// takes, played at every force and full volume, reach the output finite and
+// within full scale.
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackError.h"
+#include "TobrinKit/Engine/OfflineRenderer.h"
 
 #include <cmath>
 #include <cstdint>
@@ -57,11 +60,40 @@ void check(const LoadedPack& pack) {
                 // and the mixer must never be handed a NaN or an infinity.
                 for (std::uint32_t i = 0; i < sample.frames; ++i) {
                     if (!std::isfinite(sample.left[i]) || !std::isfinite(sample.right[i])) broken("not finite");
+                    if (std::fabs(sample.left[i]) > SoundReader::sampleLimit ||
+                        std::fabs(sample.right[i]) > SoundReader::sampleLimit) {
+                        broken("beyond the sample limit");
+                    }
                 }
             }
             if (auto take = pack.release(group, variant)) {
                 if (!take->sample.left || take->gain != 1.0f) broken("bad release");
             }
+        }
+    }
+}
+
+// Every group at every tier and between tiers (and at NaN), with releases,
+// overlapping, at the mixer's highest master gain: whatever the takes hold,
+// what would reach the device must be finite and within full scale.
+void checkRendered(const LoadedPack& pack) {
+    const std::uint16_t codes[] = {0, 49, 36, 51, 56}; // alpha, space, enter, backspace, modifier
+    const float positions[] = {0.0f, 1.0f, 1.5f, 2.6f, 3.0f, NAN};
+    std::vector<ScriptedKey> script;
+    double time = 0.0;
+    for (const std::uint16_t code : codes) {
+        for (const float position : positions) {
+            script.push_back(ScriptedKey{time, code, KeyAction::down, position});
+            script.push_back(ScriptedKey{time + 0.01, code, KeyAction::up, position});
+            time += 0.004;
+        }
+    }
+    EngineSettings settings;
+    settings.volume = 4.0f;
+    const auto out = OfflineRenderer::render(pack, script, settings, 0.1, 48000);
+    for (std::size_t i = 0; i < out.left.size(); ++i) {
+        for (const float sample : {out.left[i], out.right[i]}) {
+            if (!std::isfinite(sample) || std::fabs(sample) > 1.0f) broken("rendered output not finite or beyond ±1");
         }
     }
 }
@@ -90,6 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
         const auto pack = LoadedPack::load(PackInfo{"fuzz", "Fuzz", "fuzz", std::nullopt, root, false}, 48000);
         check(*pack);
+        checkRendered(*pack);
     } catch (const PackError&) {
     } catch (const SampleBuffer::OpenError&) {
     }
