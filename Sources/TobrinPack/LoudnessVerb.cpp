@@ -2,11 +2,11 @@
 #include "Verbs.h"
 
 #include "TobrinKit/Building/Loudness.h"
-#include "TobrinKit/Engine/Samples/SampleBuffer.h"
+#include "TobrinKit/Engine/Samples/SoundReader.h"
 
 #include <cstdio>
 #include <exception>
-#include <optional>
+#include <cstddef>
 #include <span>
 #include <string>
 
@@ -21,12 +21,13 @@ int runLoudness(std::span<const std::string_view> arguments) {
     for (std::string_view argument : arguments) {
         const std::string file(argument);
         try {
-            // Any format and rate the decoder reads, measured at 48 kHz.
-            const SampleBuffer sound = SampleBuffer::load(file, 48000);
-            const std::span<const float> left(sound.left(), sound.frames());
-            std::optional<std::span<const float>> right;
-            if (!sound.isMono()) right = std::span<const float>(sound.right(), sound.frames());
-            const double lufs = Loudness::integrated(left, right, 48000);
+            // Any format and rate the decoder reads, measured at 48 kHz as it
+            // is decoded: memory stays a few chunks whatever the file's length.
+            SoundReader reader(file, 48000);
+            Loudness::Meter meter(!reader.isMono());
+            reader.read(
+                [&](const float* left, const float* right, std::size_t frames) { meter.add(left, right, frames); });
+            const double lufs = meter.integrated();
             // Too short or too quiet to measure prints as -inf.
             std::printf("%.2f LUFS\t%s\n", lufs, file.c_str());
         } catch (const std::exception& error) {

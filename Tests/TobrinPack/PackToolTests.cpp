@@ -4,6 +4,8 @@
 #include "TobrinKit/Packs/PackLibrary.h"
 
 #include "Support/IndependentReaders.h"
+#include "Support/PeakMemory.h"
+#include "Support/SoundFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -92,6 +94,38 @@ TEST_F(PackTool, LoudnessPrintsEachFilesLUFSFirstOnItsLine) {
     EXPECT_NEAR(std::stod(measured[1]), -3.01 - 6.02, 0.1) << measured[1];
     EXPECT_EQ(measured[2].rfind("-inf LUFS", 0), 0u) << measured[2];
     EXPECT_NE(result.output.find("missing.wav"), std::string::npos);
+}
+
+// A file is measured as it is decoded: a minute of stereo costs no more
+// memory than a second (held whole as float it would be 23 MB more).
+TEST_F(PackTool, LoudnessOfALongFileTakesNoMoreMemoryThanOfAShortOne) {
+    SplitMix64 rng(8);
+    std::vector<float> noise(48000 * 63);
+    for (float& v : noise) v = float(0.4 * rng.signedUnit());
+    WAVWriter::write(std::span<const float>(noise).first(48000), std::span<const float>(noise).first(48000), 48000,
+                     folder / "second.wav");
+    WAVWriter::write(noise, std::span<const float>(noise), 48000, folder / "minute.wav");
+    const auto shortRun =
+        testing::runMeasured(testing::quoted(TOBRIN_PACK_TOOL) + " loudness " + testing::quoted(folder / "second.wav"));
+    const auto longRun =
+        testing::runMeasured(testing::quoted(TOBRIN_PACK_TOOL) + " loudness " + testing::quoted(folder / "minute.wav"));
+    ASSERT_EQ(shortRun.exitStatus, 0);
+    ASSERT_EQ(longRun.exitStatus, 0);
+    EXPECT_LT(longRun.peakKiB - shortRun.peakKiB, 4096) << longRun.peakKiB << " KiB against " << shortRun.peakKiB;
+}
+
+// Samples far beyond full scale (a float file may hold ±3e38) are measured
+// as the engine would play them, bounded to ±4, not as infinities or NaN.
+TEST_F(PackTool, LoudnessMeasuresHugeFloatSamplesAsTheBoundedSamplesTheEnginePlays) {
+    std::vector<float> huge(48000), bounded(48000);
+    for (std::size_t i = 0; i < huge.size(); ++i) {
+        huge[i] = float(3e38 * std::sin(2.0 * std::numbers::pi * 997.0 * double(i) / 48000.0));
+        bounded[i] = std::clamp(huge[i], -4.0f, 4.0f);
+    }
+    test::writeSound(folder / "huge.wav", {huge}, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    const auto result = tool("loudness " + testing::quoted(folder / "huge.wav"));
+    ASSERT_EQ(result.exitStatus, 0) << result.output;
+    EXPECT_NEAR(std::stod(result.output), Loudness::integrated(bounded, std::nullopt, 48000), 0.01) << result.output;
 }
 
 TEST_F(PackTool, GenerateWritesTheFiveStarterPacksIntoTheUsersPacksFolder) {

@@ -1,6 +1,8 @@
 #include "TobrinKit/Building/Loudness.h"
 
 #include "Support/IndependentReaders.h"
+#include "Support/PeakMemory.h"
+#include "Support/SoundFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -97,6 +99,44 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
         EXPECT_EQ(result.output.rfind(c.expected, 0), 0u) << result.output;
         EXPECT_FALSE(fs::exists(out));
     }
+}
+
+// Loading costs about what the decoded takes hold, not a multiple of the
+// file: a 96 kHz take of 4 M frames (16 MB once at 48 kHz) is decoded and
+// converted in chunks, and a manifest of 8 MB is refused from its size.
+TEST_F(RenderVerb, LoadingAPackCostsAboutWhatItsDecodedTakesHold) {
+    const auto pack = [&](const std::string& name, const std::string& manifest) {
+        std::ofstream(folder / name / "pack.json") << manifest;
+        return testing::quoted(folder / name);
+    };
+    const auto manifest = [](const std::string& takes) {
+        return R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "test", "groups": {"alpha": {"down": {"soft": [)" +
+               takes + "]}}}}";
+    };
+    test::writeSound(folder / "small" / "a.wav", {std::vector<float>(4800, 0.25f)}, 48000);
+    const std::string small = pack("small", manifest(R"("a.wav")"));
+    const std::vector<float> tone = test::sine(4'000'000, 440, 96000, 0.25);
+    test::writeSound(folder / "long" / "a.wav", {tone, tone}, 96000);
+    const std::string longTake = pack("long", manifest(R"("a.wav")"));
+    std::string million = R"("a.wav")";
+    million.reserve(8'000'000);
+    while (million.size() < 8'000'000) million += R"(,"a.wav")";
+    std::filesystem::create_directories(folder / "huge");
+    std::filesystem::copy_file(folder / "small" / "a.wav", folder / "huge" / "a.wav");
+    const std::string huge = pack("huge", manifest(million));
+
+    const auto run = [&](const std::string& packFolder) {
+        return testing::runMeasured(testing::quoted(TOBRIN_PACK_TOOL) + " render " + packFolder + " " +
+                                    testing::quoted(folder / "out.wav") + " --text a");
+    };
+    const auto baseline = run(small);
+    ASSERT_EQ(baseline.exitStatus, 0);
+    const auto longRun = run(longTake);
+    EXPECT_EQ(longRun.exitStatus, 0);
+    EXPECT_LT(longRun.peakKiB - baseline.peakKiB, 20 * 1024) << longRun.peakKiB << " KiB against " << baseline.peakKiB;
+    const auto hugeRun = run(huge);
+    EXPECT_EQ(hugeRun.exitStatus, 1);
+    EXPECT_LT(hugeRun.peakKiB - baseline.peakKiB, 4 * 1024) << hugeRun.peakKiB << " KiB against " << baseline.peakKiB;
 }
 
 TEST_F(RenderVerb, BadArgumentsAreUsageErrors) {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <optional>
 #include <span>
+#include <vector>
 
 namespace tobrin {
 
@@ -20,6 +23,31 @@ public:
 
     // −0.691 + 10·log10(1e-20): what an empty relative gate measures.
     static constexpr double floorValue = -0.691 + 10.0 * -20.0;
+
+    // The same measurement of a 48 kHz signal fed in pieces of any length,
+    // holding one number per 100 ms instead of the signal: a long file is
+    // measured as it is decoded. Gives integrated()'s result to the bit.
+    class Meter {
+    public:
+        explicit Meter(bool stereo) : channels_(stereo ? 2 : 1) {}
+
+        // Adds `frames` frames; `right` is read only by a stereo meter.
+        void add(const float* left, const float* right, std::size_t frames);
+        // What integrated() gives for everything added so far.
+        double integrated() const;
+
+    private:
+        // K-weighting filter state of one channel.
+        struct Filter {
+            double s1 = 0, s2 = 0, h1 = 0, h2 = 0;
+        };
+
+        std::size_t channels_;
+        std::array<Filter, 2> filters_{};
+        std::array<double, 2> energy_{}; // of the hop in progress
+        std::size_t hopFilled_ = 0;      // frames of the hop in progress
+        std::vector<double> hops_;       // mean squares of the complete hops
+    };
 };
 
 } // namespace tobrin

@@ -5,6 +5,7 @@
 #include <ebur128.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -178,6 +179,26 @@ TEST(Loudness, NeedsOneWholeBlock) {
     const double oneBlock = Loudness::integrated(full, std::nullopt, rate);
     EXPECT_TRUE(std::isfinite(oneBlock));
     EXPECT_NEAR(oneBlock, referenceLoudness({full, std::nullopt}), 0.05);
+}
+
+// A file is measured as it is decoded, in pieces of whatever length the
+// decoder hands out: the result must not depend on where the pieces end.
+TEST(LoudnessMeter, PiecesOfAnyLengthGiveTheWholeSignalsResultToTheBit) {
+    const std::vector<float> left = noise(160000, 0.3, 21), right = noise(160000, 0.2, 22);
+    const double whole = Loudness::integrated(left, std::span<const float>(right), rate);
+    const double wholeMono = Loudness::integrated(left, std::nullopt, rate);
+    for (const std::size_t piece : {1u, 7u, 4799u, 4800u, 4801u, 19200u, 100000u}) {
+        SCOPED_TRACE(piece);
+        Loudness::Meter stereo(true), mono(false);
+        for (std::size_t at = 0; at < left.size(); at += piece) {
+            const std::size_t frames = std::min(piece, left.size() - at);
+            stereo.add(left.data() + at, right.data() + at, frames);
+            mono.add(left.data() + at, nullptr, frames);
+        }
+        EXPECT_EQ(stereo.integrated(), whole);
+        EXPECT_EQ(mono.integrated(), wholeMono);
+    }
+    EXPECT_EQ(Loudness::Meter(true).integrated(), minusInfinity);
 }
 
 TEST(Loudness, SilenceMeasuresMinusInfinity) {

@@ -75,8 +75,7 @@ public:
     std::string process(const float* const* in, std::size_t frames, const Emit& emit) {
         std::size_t consumed = 0;
         while (true) {
-            const float* from[2] = {in ? in[0] + consumed : nullptr,
-                                    in && channels_ > 1 ? in[1] + consumed : nullptr};
+            const float* from[2] = {in ? in[0] + consumed : nullptr, in && channels_ > 1 ? in[1] + consumed : nullptr};
             float* to[2] = {out_[0].data(), channels_ > 1 ? out_[1].data() : nullptr};
             std::size_t taken = 0;
             std::size_t made = 0;
