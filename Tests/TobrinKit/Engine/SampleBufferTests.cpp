@@ -267,5 +267,45 @@ TEST(SampleBufferLoad, FrameLimitIsInclusiveBeforeAndAfterConversion) {
     EXPECT_THROW(SampleBuffer::load(folder / "at441.wav", 48000, 100), SampleBuffer::TooLong);
 }
 
+// The limit counts frames after conversion: a file recorded above the output
+// rate holds more frames than it will have, and must not be refused for them.
+TEST(SampleBufferLoad, FrameLimitCountsConvertedFramesOfDownsampledFiles) {
+    ScratchFolder folder;
+    for (const int rate : {88200, 96000, 192000}) {
+        SCOPED_TRACE(rate);
+        const std::string name = std::to_string(rate) + ".wav";
+        writeSound(folder / name, {sine(std::size_t(rate) / 5, 440, rate, 0.5)}, rate);
+        const std::size_t converted = SampleBuffer::load(folder / name, 48000).frames();
+        EXPECT_NEAR(double(converted), 48000.0 / 5, 2.0);
+        EXPECT_EQ(SampleBuffer::load(folder / name, 48000, converted).frames(), converted);
+        EXPECT_THROW(SampleBuffer::load(folder / name, 48000, converted - 1), SampleBuffer::TooLong);
+    }
+}
+
+// Whatever a float file holds, the decoded sound is finite and within ±4:
+// NaN and infinities become silence, huge values the bound. Converted too.
+TEST(SampleBufferLoad, BoundsEverySampleToFourAndSilencesNonFiniteOnes) {
+    ScratchFolder folder;
+    const std::vector<float> stored = {3e38f, -3e38f, NAN, INFINITY, -INFINITY, 5.0f, -4.5f, 4.0f, 0.5f, -1e-3f};
+    const std::vector<float> expected = {4.0f, -4.0f, 0.0f, 0.0f, 0.0f, 4.0f, -4.0f, 4.0f, 0.5f, -1e-3f};
+    writeSound(folder / "odd.wav", {stored, expected}, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    const SampleBuffer buffer = SampleBuffer::load(folder / "odd.wav", 48000);
+    ASSERT_EQ(buffer.frames(), stored.size());
+    for (std::size_t i = 0; i < stored.size(); ++i) {
+        EXPECT_EQ(buffer.left()[i], expected[i]) << "frame " << i;
+        EXPECT_EQ(buffer.right()[i], expected[i]) << "frame " << i;
+    }
+
+    std::vector<float> loud(4410);
+    for (std::size_t i = 0; i < loud.size(); ++i) loud[i] = i % 3 == 0 ? 3e38f : (i % 3 == 1 ? -3e38f : NAN);
+    writeSound(folder / "loud.wav", {loud}, 44100, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    const SampleBuffer converted = SampleBuffer::load(folder / "loud.wav", 48000);
+    ASSERT_GT(converted.frames(), 4000u);
+    for (std::size_t i = 0; i < converted.frames(); ++i) {
+        ASSERT_TRUE(std::isfinite(converted.left()[i]) && std::fabs(converted.left()[i]) <= 4.0f) << i;
+    }
+    EXPECT_EQ(converted.peak(), 4.0f);
+}
+
 } // namespace
 } // namespace tobrin

@@ -369,6 +369,19 @@ TEST(LoadedPack, AcceptsExactlyTheMemoryBudgetAndRefusesOneFrameMore) {
     EXPECT_EQ(over.loadError(), "(loaded)");
 }
 
+// The budget counts frames at the output rate: a 96 kHz take of 6.5 M
+// frames once converted (52 MB counted, 13 M frames in the file) loads.
+TEST(LoadedPack, CountsADownsampledTakeAgainstTheBudgetAfterConversion) {
+    ScratchFolder scratch;
+    const std::filesystem::path folder = scratch / "HighRate";
+    test::writeSound(folder / "take.wav", {std::vector<float>(13'000'000, 0.0f)}, 96000,
+                     SF_FORMAT_WAV | SF_FORMAT_PCM_U8);
+    PackFolder pack(folder);
+    pack.down("alpha", "soft", {"take.wav"});
+    const auto loaded = pack.load();
+    EXPECT_NEAR(double(loaded->layers(KeyGroup::alpha, 0).samples[0].frames), 6'500'000.0, 2.0);
+}
+
 TEST(LoadedPack, ReportsManifestAndDecoderFailuresAsTheyAre) {
     ScratchFolder scratch;
     EXPECT_THROW(
