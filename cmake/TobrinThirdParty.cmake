@@ -5,6 +5,8 @@ find_package(Threads REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET GLOBAL sndfile)
 pkg_check_modules(SOXR REQUIRED IMPORTED_TARGET GLOBAL soxr)
+# Collation and case mapping that follow Unicode and the user's locale.
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET GLOBAL icu-uc icu-i18n)
 if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   # The independent loudness meter the tests and benchmarks compare against.
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)

@@ -2,6 +2,8 @@
 #include "TobrinKit/Input/Hotkey.h"
 
 #include <nlohmann/json.hpp>
+#include <unicode/locid.h>
+#include <unicode/unistr.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -36,13 +38,15 @@ std::optional<std::string> lookUp(const std::array<Label, N>& table, std::uint32
     return std::string(found->second);
 }
 
-// Upper-cases ASCII letters only; other characters (and multi-byte UTF-8
-// sequences) pass through unchanged, which is what a key cap shows for them.
-std::string upperCased(std::string text) {
-    for (char& c : text) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    }
-    return text;
+// Full Unicode case mapping, as a key cap shows the character: "é" becomes
+// "É" and "ß" becomes "SS". The root locale's rules, so a label does not
+// change with the language the user reads in.
+std::string upperCased(const std::string& text) {
+    icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(text);
+    unicode.toUpper(icu::Locale::getRoot());
+    std::string result;
+    unicode.toUTF8String(result);
+    return result;
 }
 
 // Key codes and modifier masks are unsigned 32-bit: refuse negative,

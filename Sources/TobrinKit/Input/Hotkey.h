@@ -53,7 +53,8 @@ struct Hotkey {
     static const std::array<Hotkey, 4> presets;
 
     // The modifier names in the order Ctrl, Alt, Shift, Super, then the key's
-    // label: the special-key table, else the layout's character upper-cased,
+    // label: the special-key table, else the layout's character upper-cased
+    // (full Unicode case mapping: "é" → "É", "ß" → "SS"),
     // else the US label, else "Key " and the decimal code.
     std::string displayString(const KeyNamer& keyName = {}) const;
 

@@ -6,12 +6,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <locale.h>
 #include <map>
+#include <memory>
 #include <pwd.h>
 #include <string>
 #include <unistd.h>
-#include <wctype.h>
+
+#include <unicode/coll.h>
+#include <unicode/locid.h>
+#include <unicode/stringpiece.h>
 
 // Set by the build (Packs/CMakeLists.txt).
 #ifndef TOBRIN_INSTALLED_PACKS_FROM_BINDIR
@@ -34,42 +37,35 @@ std::optional<std::filesystem::path> existingFolder(const std::filesystem::path&
     return std::nullopt;
 }
 
-// The next code point of UTF-8 text; a byte that does not start a valid
-// sequence stands for itself, above every real code point.
-char32_t nextCodePoint(std::string_view text, std::size_t& at) {
-    const auto byte = static_cast<unsigned char>(text[at]);
-    std::size_t length = byte < 0x80           ? 1
-                         : (byte >> 5) == 0x6  ? 2
-                         : (byte >> 4) == 0xE  ? 3
-                         : (byte >> 3) == 0x1E ? 4
-                                               : 0;
-    if (length == 0 || at + length > text.size()) {
-        ++at;
-        return 0x110000 + byte;
+// The collation locale the C library would take for the user: LC_ALL, then
+// LC_COLLATE, then LANG (empty values do not count). The process's own
+// locale is not consulted: it is "C" unless the program called setlocale.
+std::string collationLocaleName() {
+    for (const char* variable : {"LC_ALL", "LC_COLLATE", "LANG"}) {
+        const char* value = std::getenv(variable);
+        if (value && *value) return value;
     }
-    char32_t point = length == 1 ? byte : byte & (0x7F >> length);
-    for (std::size_t i = 1; i < length; ++i) {
-        const auto continuation = static_cast<unsigned char>(text[at + i]);
-        if ((continuation >> 6) != 0x2) {
-            ++at;
-            return 0x110000 + byte;
-        }
-        point = (point << 6) | (continuation & 0x3F);
-    }
-    at += length;
-    return point;
+    return "C";
 }
 
-// Lower-cases beyond ASCII through the C.UTF-8 locale's tables when it
-// exists; the user's own locale is left alone (it is process-wide state).
-char32_t folded(char32_t point) {
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t(0));
-    if (point < 0x80) return point >= 'A' && point <= 'Z' ? point + ('a' - 'A') : point;
-    if (!utf8 || point >= 0x110000) return point;
-    return static_cast<char32_t>(towlower_l(static_cast<wint_t>(point), utf8));
+// A collator for the user's locale with digit runs compared by value, made
+// again only when the locale changes. C and POSIX, which name no language,
+// get the root collation: Unicode's default order, the same for everyone.
+// Null when ICU cannot make one.
+const icu::Collator* collator() {
+    thread_local std::string madeFor;
+    thread_local std::unique_ptr<icu::Collator> made;
+    const std::string name = collationLocaleName();
+    if (made && name == madeFor) return made.get();
+    const bool neutral = name == "C" || name == "POSIX" || name.starts_with("C.");
+    const icu::Locale locale = neutral ? icu::Locale::getRoot() : icu::Locale::createCanonical(name.c_str());
+    UErrorCode status = U_ZERO_ERROR;
+    made.reset(icu::Collator::createInstance(locale, status));
+    if (made) made->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
+    if (U_FAILURE(status)) made.reset();
+    madeFor = name;
+    return made.get();
 }
-
-bool isDigit(std::string_view text, std::size_t at) { return at < text.size() && text[at] >= '0' && text[at] <= '9'; }
 
 } // namespace
 
@@ -148,31 +144,14 @@ std::vector<PackInfo> PackLibrary::discover() {
 }
 
 int PackLibrary::compareNames(std::string_view a, std::string_view b) {
-    std::size_t i = 0, j = 0;
-    // The first difference that case or leading zeros alone make; it decides
-    // only between names that are otherwise equal.
-    int tieBreak = 0;
-    while (i < a.size() && j < b.size()) {
-        if (isDigit(a, i) && isDigit(b, j)) {
-            std::size_t aStart = i, bStart = j;
-            while (isDigit(a, i)) ++i;
-            while (isDigit(b, j)) ++j;
-            std::string_view aRun = a.substr(aStart, i - aStart), bRun = b.substr(bStart, j - bStart);
-            const auto aSignificant = aRun.substr(std::min(aRun.find_first_not_of('0'), aRun.size()));
-            const auto bSignificant = bRun.substr(std::min(bRun.find_first_not_of('0'), bRun.size()));
-            if (aSignificant.size() != bSignificant.size()) return aSignificant.size() < bSignificant.size() ? -1 : 1;
-            if (int order = aSignificant.compare(bSignificant); order != 0) return order < 0 ? -1 : 1;
-            if (tieBreak == 0 && aRun.size() != bRun.size()) tieBreak = aRun.size() < bRun.size() ? -1 : 1;
-            continue;
-        }
-        const char32_t aPoint = nextCodePoint(a, i), bPoint = nextCodePoint(b, j);
-        const char32_t aFolded = folded(aPoint), bFolded = folded(bPoint);
-        if (aFolded != bFolded) return aFolded < bFolded ? -1 : 1;
-        if (tieBreak == 0 && aPoint != bPoint) tieBreak = aPoint < bPoint ? -1 : 1;
+    if (const icu::Collator* names = collator()) {
+        UErrorCode status = U_ZERO_ERROR;
+        const UCollationResult order = names->compareUTF8(icu::StringPiece(a.data(), int32_t(a.size())),
+                                                          icu::StringPiece(b.data(), int32_t(b.size())), status);
+        if (U_SUCCESS(status) && order != UCOL_EQUAL) return order == UCOL_LESS ? -1 : 1;
     }
-    if (i < a.size() || j < b.size()) return i < a.size() ? 1 : -1;
-    if (tieBreak != 0) return tieBreak;
-    return a.compare(b) < 0 ? -1 : a.compare(b) > 0 ? 1 : 0;
+    // Names the collation holds equal ("x7" and "x007") still get one fixed order.
+    return a < b ? -1 : a > b ? 1 : 0;
 }
 
 } // namespace tobrin

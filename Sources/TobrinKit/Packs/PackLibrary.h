@@ -33,8 +33,8 @@ public:
     static std::optional<std::filesystem::path> installedPacksDirectory(const std::filesystem::path& executable);
 
     // Every pack of both folders, merged by id (a user pack replaces a
-    // built-in one) and sorted: built-in packs first, then by name in
-    // natural order. Never fails: unreadable folders and broken manifests
+    // built-in one) and sorted: built-in packs first, then by name
+    // (compareNames). Never fails: unreadable folders and broken manifests
     // are left out.
     static std::vector<PackInfo> discover();
 
@@ -42,10 +42,11 @@ public:
     // pack.json), in the order of their folder names.
     static std::vector<PackInfo> discover(const std::filesystem::path& folder, bool bundled);
 
-    // The order people expect of names in a list: case-insensitive, runs of
-    // digits compared by value ("Pack 2" before "Pack 10"). Negative, zero
-    // or positive as `a` sorts before, with or after `b`; zero only for
-    // identical texts.
+    // The order people expect of names in a list: the collation of the
+    // user's locale (LC_ALL, LC_COLLATE, LANG; the root collation for C and
+    // POSIX), runs of digits compared by value ("Pack 2" before "Pack 10").
+    // Negative, zero or positive as `a` sorts before, with or after `b`;
+    // zero only for identical texts.
     static int compareNames(std::string_view a, std::string_view b);
 };
 

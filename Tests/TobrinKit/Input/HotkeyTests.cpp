@@ -42,13 +42,18 @@ TEST(Hotkey, LabelPrefersSpecialKeysThenLayoutThenQwertyThenCode) {
         if (code == 13) return "";  // an empty name counts as none
         if (code == 49) return " ";
         if (code == 150) return "ß";
+        if (code == 151) return "é";
+        if (code == 152) return "ø";
         return std::nullopt;
     };
     const Modifiers control = Modifiers::control;
     EXPECT_EQ((Hotkey{12, control}).displayString(layout), "Ctrl+A");
     EXPECT_EQ((Hotkey{13, control}).displayString(layout), "Ctrl+W");
     EXPECT_EQ((Hotkey{49, control}).displayString(layout), "Ctrl+Space");
-    EXPECT_EQ((Hotkey{150, control}).displayString(layout), "Ctrl+ß");
+    // Full Unicode case mapping, beyond ASCII and beyond one character.
+    EXPECT_EQ((Hotkey{150, control}).displayString(layout), "Ctrl+SS");
+    EXPECT_EQ((Hotkey{151, control}).displayString(layout), "Ctrl+É");
+    EXPECT_EQ((Hotkey{152, control}).displayString(layout), "Ctrl+Ø");
     EXPECT_EQ((Hotkey{200, control}).displayString(layout), "Ctrl+Key 200");
     EXPECT_EQ((Hotkey{200, control}).displayString(), "Ctrl+Key 200");
     EXPECT_EQ((Hotkey{111, control}).displayString(), "Ctrl+F12");

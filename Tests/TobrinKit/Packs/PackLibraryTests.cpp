@@ -58,12 +58,14 @@ std::vector<std::string> names(const std::vector<PackInfo>& packs) {
     return result;
 }
 
-TEST(PackLibrary, NamesSortNaturallyAndCaseInsensitively) {
-    // Each name sorts strictly before the next. Letters beyond ASCII are
-    // lower-cased too, then ordered by code point, whatever the locale.
-    const std::vector<std::string> ordered = {"",     "1",      "2",      "07",      "10",      "alpha",
-                                              "Beta", "Pack",   "Pack 2", "Pack 3b", "pack 10", "Pack 10a",
-                                              "zeta", "Éclair", "éclat",  "\xff"};
+TEST(PackLibrary, NamesSortInTheCollationOfTheLocaleWithNumbersByValue) {
+    Environment environment;
+    environment.set("LC_ALL", "C");
+    // Each name sorts strictly before the next: without a language (C), the
+    // root collation, where accents and case come after the letters.
+    const std::vector<std::string> ordered = {"",        "1",        "2",     "07",   "10",     "alpha",
+                                              "Beta",    "Éclair",   "éclat", "Pack", "Pack 2", "Pack 3b",
+                                              "pack 10", "Pack 10a", "zeta",  "\xff"};
     for (std::size_t i = 0; i < ordered.size(); ++i) {
         for (std::size_t j = 0; j < ordered.size(); ++j) {
             const int order = PackLibrary::compareNames(ordered[i], ordered[j]);
@@ -78,6 +80,28 @@ TEST(PackLibrary, NamesSortNaturallyAndCaseInsensitively) {
         EXPECT_EQ(PackLibrary::compareNames(a, b), -PackLibrary::compareNames(b, a)) << a;
         EXPECT_EQ(PackLibrary::compareNames(a + "2", b + "1"), 1) << a;
         EXPECT_EQ(PackLibrary::compareNames(a + "1", b + "2"), -1) << a;
+    }
+}
+
+// The locale comes from LC_ALL, else LC_COLLATE, else LANG, as for the C
+// library: in Swedish "Ö" is a letter after "z", elsewhere an accented "O".
+TEST(PackLibrary, NameOrderFollowsTheLocaleTheEnvironmentNames) {
+    struct Case {
+        std::optional<std::string> all, collate, lang;
+        int order; // of "Öl" against "zeta"
+    };
+    const Case cases[] = {
+        {std::nullopt, std::nullopt, std::nullopt, -1}, {std::nullopt, std::nullopt, "sv_SE.UTF-8", 1},
+        {"C", std::nullopt, "sv_SE.UTF-8", -1},         {"", std::nullopt, "sv_SE.UTF-8", 1},
+        {std::nullopt, "sv_SE.UTF-8", "POSIX", 1},      {"de_DE.UTF-8", "sv_SE.UTF-8", std::nullopt, -1},
+    };
+    for (const Case& test : cases) {
+        Environment environment;
+        environment.set("LC_ALL", test.all);
+        environment.set("LC_COLLATE", test.collate);
+        environment.set("LANG", test.lang);
+        EXPECT_EQ(PackLibrary::compareNames("Öl", "zeta"), test.order)
+            << test.all.value_or("-") << " " << test.collate.value_or("-") << " " << test.lang.value_or("-");
     }
 }
 
