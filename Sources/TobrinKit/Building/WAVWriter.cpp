@@ -1,18 +1,12 @@
 #include "TobrinKit/Building/WAVWriter.h"
 
+#include "TobrinKit/Engine/Core/OutputFile.h"
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 
-#include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <system_error>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace tobrin {
 
@@ -45,35 +39,6 @@ float dither(SplitMix64& rng) {
     const double u1 = rng.unit();
     const double u2 = rng.unit();
     return static_cast<float>(u1 - u2) * 0x1p-15f;
-}
-
-[[noreturn]] void fail(int error, const std::string& what, const std::filesystem::path& file) {
-    throw std::filesystem::filesystem_error(what, file, std::error_code(error, std::generic_category()));
-}
-
-// A name beside the target, hidden so that a folder listing never takes a
-// leftover for a take.
-std::filesystem::path temporaryPath(const std::filesystem::path& file) {
-    static std::atomic<std::uint64_t> counter{0};
-    std::string name = ".";
-    name += file.filename().string();
-    name += ".tmp-";
-    name += std::to_string(::getpid());
-    name += '-';
-    name += std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
-    return file.parent_path() / name;
-}
-
-void writeAll(int fd, const std::uint8_t* bytes, std::size_t size, const std::filesystem::path& aside) {
-    while (size > 0) {
-        const ssize_t written = ::write(fd, bytes, size);
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            fail(errno, "cannot write audio file", aside);
-        }
-        bytes += written;
-        size -= std::size_t(written);
-    }
 }
 
 } // namespace
@@ -113,26 +78,7 @@ void WAVWriter::write(std::span<const float> left, std::optional<std::span<const
         if (right) put16(out, std::uint16_t(quantise((*right)[i], dither(rng))));
     }
 
-    const std::filesystem::path aside = temporaryPath(file);
-    const int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) fail(errno, "cannot create audio file", aside);
-    try {
-        writeAll(fd, bytes.get(), fileSize, aside);
-    } catch (...) {
-        ::close(fd);
-        ::unlink(aside.c_str());
-        throw;
-    }
-    if (::close(fd) != 0) {
-        const int error = errno;
-        ::unlink(aside.c_str());
-        fail(error, "cannot write audio file", aside);
-    }
-    if (::rename(aside.c_str(), file.c_str()) != 0) {
-        const int error = errno;
-        ::unlink(aside.c_str());
-        fail(error, "cannot replace audio file", file);
-    }
+    OutputFile::write(file, std::span<const std::uint8_t>(bytes.get(), fileSize));
 }
 
 } // namespace tobrin

@@ -15,8 +15,10 @@ public:
     WAVWriter() = delete;
 
     // Mono without `right`, stereo with it (`right` at least as long as
-    // `left`). The file is assembled in memory, written beside the target and
-    // renamed over it, so readers never see a partial file. Throws
+    // `left`). The file is assembled in memory and written with
+    // OutputFile::write: a regular file is replaced whole (written beside
+    // the target and renamed over it, keeping an existing file's mode and
+    // owner), a FIFO or character device is written to directly. Throws
     // std::filesystem::filesystem_error when the file cannot be written. A
     // size or rate beyond the format's 32-bit fields aborts.
     static void write(std::span<const float> left, std::optional<std::span<const float>> right, std::int64_t sampleRate,

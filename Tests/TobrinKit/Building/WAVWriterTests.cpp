@@ -1,6 +1,7 @@
 #include "TobrinKit/Building/WAVWriter.h"
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 
+#include "Support/FifoReader.h"
 #include "Support/IndependentReaders.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +12,10 @@
 #include <limits>
 #include <map>
 #include <vector>
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace tobrin {
 namespace {
@@ -204,6 +209,65 @@ TEST_F(WAVWriterTest, ReplacesTheTargetWholeAndLeavesNothingAside) {
     std::size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder)) ++entries;
     EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(WAVWriterTest, ALinkPlantedAtATemporaryNameIsNeverFollowed) {
+    const fs::path victim = folder / "victim.txt";
+    std::ofstream(victim) << "precious";
+    // Links at the names a writer beside the target might pick.
+    for (int i = 0; i < 16; ++i) {
+        const std::string name = ".take.wav.tmp-" + std::to_string(::getpid()) + "-" + std::to_string(i);
+        fs::create_symlink(victim, folder / name);
+    }
+    const fs::path file = folder / "take.wav";
+    ASSERT_NO_THROW(WAVWriter::write(ramp(100), std::nullopt, 48000, file));
+    EXPECT_EQ(bytesOf(victim), (std::vector<std::uint8_t>{'p', 'r', 'e', 'c', 'i', 'o', 'u', 's'}));
+    const auto back = testing::readWithSndfile(file);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->frames, 100);
+}
+
+TEST_F(WAVWriterTest, WritesIntoFifosAndDevicesAndKeepsAReplacedFilesModeAndOwner) {
+    const std::vector<float> left = ramp(48000); // 96 kB, more than a pipe holds at once
+    const fs::path regular = folder / "regular.wav";
+    WAVWriter::write(left, std::nullopt, 48000, regular);
+    const auto expected = bytesOf(regular);
+
+    // A FIFO, named directly and through a link, is written to and stays.
+    const fs::path fifo = folder / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    fs::create_symlink("fifo", folder / "link.wav");
+    for (const fs::path& target : {fifo, folder / "link.wav"}) {
+        test::FifoReader reader(fifo);
+        WAVWriter::write(left, std::nullopt, 48000, target);
+        EXPECT_EQ(reader.contents(), expected) << target;
+        EXPECT_TRUE(fs::is_fifo(fs::symlink_status(fifo)));
+    }
+    EXPECT_TRUE(fs::is_symlink(fs::symlink_status(folder / "link.wav")));
+
+    // A replaced file keeps its mode, and its owner where the process may set it.
+    const bool root = ::geteuid() == 0;
+    ASSERT_EQ(::chmod(regular.c_str(), 0640), 0);
+    if (root) {
+        ASSERT_EQ(::chown(regular.c_str(), 4321, 4322), 0);
+    }
+    WAVWriter::write(ramp(10), std::nullopt, 48000, regular);
+    struct stat status {};
+    ASSERT_EQ(::stat(regular.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_EQ(status.st_size, 44 + 20);
+    if (root) {
+        EXPECT_EQ(status.st_uid, 4321u);
+        EXPECT_EQ(status.st_gid, 4322u);
+    }
+
+    // A character device (a node of /dev/null's kind, which only root may
+    // make) takes the bytes and stays a device.
+    const fs::path device = folder / "null";
+    if (::mknod(device.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0) {
+        WAVWriter::write(left, std::nullopt, 48000, device);
+        EXPECT_TRUE(fs::is_character_file(fs::symlink_status(device)));
+    }
 }
 
 TEST_F(WAVWriterTest, AFolderThatDoesNotExistFailsWithTheFileSystemError) {
