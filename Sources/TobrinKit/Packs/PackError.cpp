@@ -27,6 +27,7 @@ PackError::PackError(Kind kind, std::filesystem::path url, std::string detail)
     : kind_(kind), url_(std::move(url)), detail_(std::move(detail)) {
     switch (kind_) {
     case Kind::missingManifest: description_ = "No pack.json in " + fullPath(url_); break;
+    case Kind::unreadableManifest: description_ = "Can't read " + fullPath(url_) + ": " + detail_; break;
     case Kind::invalidManifest: description_ = "Invalid " + lastComponent(url_) + ": " + detail_; break;
     case Kind::decode: description_ = "Can't read " + lastComponent(url_) + ": " + detail_; break;
     case Kind::empty: description_ = "Pack " + detail_ + " has no usable sounds"; break;
@@ -35,6 +36,10 @@ PackError::PackError(Kind kind, std::filesystem::path url, std::string detail)
 
 PackError PackError::missingManifest(const std::filesystem::path& folder) {
     return PackError(Kind::missingManifest, folder, {});
+}
+
+PackError PackError::unreadableManifest(const std::filesystem::path& file, std::string detail) {
+    return PackError(Kind::unreadableManifest, file, std::move(detail));
 }
 
 PackError PackError::invalidManifest(const std::filesystem::path& url, std::string detail) {

@@ -6,15 +6,18 @@
 
 namespace tobrin {
 
-// The one error type of the sound-pack subsystem: a missing or invalid
-// manifest, an audio file that cannot be decoded, and a pack left without any
+// The one error type of the sound-pack subsystem: a missing, unreadable or
+// invalid manifest, an audio file that cannot be decoded, and a pack left without any
 // usable sound. what() is the text the application shows to the user.
 class PackError : public std::exception {
 public:
-    enum class Kind { missingManifest, invalidManifest, decode, empty };
+    enum class Kind { missingManifest, unreadableManifest, invalidManifest, decode, empty };
 
     // "No pack.json in " + the folder's full path.
     static PackError missingManifest(const std::filesystem::path& folder);
+    // "Can't read " + the file's full path + ": " + detail (the system's
+    // reason): a pack.json that is there but cannot be read.
+    static PackError unreadableManifest(const std::filesystem::path& file, std::string detail);
     // "Invalid " + the last path component + ": " + detail.
     static PackError invalidManifest(const std::filesystem::path& url, std::string detail);
     // "Can't read " + the file's last path component + ": " + detail.
@@ -25,7 +28,7 @@ public:
     Kind kind() const { return kind_; }
     // The folder or file the error is about (empty for `empty`).
     const std::filesystem::path& url() const { return url_; }
-    // The thrower's detail text (`invalidManifest`, `decode`) or the pack id (`empty`).
+    // The thrower's detail text (`unreadableManifest`, `invalidManifest`, `decode`) or the pack id (`empty`).
     const std::string& detail() const { return detail_; }
 
     const std::string& description() const { return description_; }

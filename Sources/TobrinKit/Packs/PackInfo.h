@@ -19,7 +19,8 @@ struct PackInfo {
     friend bool operator==(const PackInfo&, const PackInfo&) = default;
 
     // Reads and decodes `directory`/pack.json; the groups are not looked at.
-    // Throws PackError::missingManifest when the file cannot be read and
+    // Throws PackError::missingManifest when there is no file,
+    // PackError::unreadableManifest when it cannot be read and
     // PackError::invalidManifest (naming pack.json) when it does not decode.
     static PackInfo read(const std::filesystem::path& directory, bool isBundled);
 };

@@ -1,14 +1,19 @@
 // Decoding and encoding of "pack.json".
 #include "TobrinKit/Packs/PackManifest.h"
 
+#include "TobrinKit/Engine/Core/OutputFile.h"
 #include "TobrinKit/Packs/PackError.h"
 
 #include <nlohmann/json.hpp>
 
 #include <cerrno>
 #include <cmath>
-#include <fstream>
+#include <cstring>
+#include <span>
 #include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tobrin {
@@ -135,20 +140,39 @@ PackManifest PackManifest::decode(std::string_view text) {
 
 PackManifest PackManifest::read(const std::filesystem::path& folder) {
     const std::filesystem::path file = folder / fileName;
-    // Only a regular file counts: opening a FIFO named pack.json would block.
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(file, error)) throw PackError::missingManifest(folder);
-    // Refused unread when too large, and read no further than the bound in
-    // case the file grows meanwhile: a pack in the user's folder must not
-    // cost discovery more than a small manifest does.
-    const std::uintmax_t size = std::filesystem::file_size(file, error);
-    if (!error && size > maxFileBytes) fail(tooLarge());
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw PackError::missingManifest(folder);
-    std::string text(maxFileBytes + 1, '\0');
-    in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (in.bad()) throw PackError::missingManifest(folder);
-    text.resize(static_cast<std::size_t>(in.gcount()));
+    // Non-blocking, so a FIFO named pack.json is opened and refused below
+    // instead of waiting for a writer.
+    const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        const int code = errno;
+        if (code == ENOENT || code == ENOTDIR) throw PackError::missingManifest(folder);
+        throw PackError::unreadableManifest(file, std::strerror(code));
+    }
+    std::string text;
+    {
+        const struct Closer {
+            int fd;
+            ~Closer() { ::close(fd); }
+        } closer{fd};
+        struct stat status {};
+        if (::fstat(fd, &status) != 0) throw PackError::unreadableManifest(file, std::strerror(errno));
+        if (S_ISDIR(status.st_mode)) throw PackError::unreadableManifest(file, std::strerror(EISDIR));
+        if (!S_ISREG(status.st_mode)) throw PackError::unreadableManifest(file, "not a regular file");
+        // Refused unread when too large, and read no further than the bound in
+        // case the file grows meanwhile: a pack in the user's folder must not
+        // cost discovery more than a small manifest does.
+        if (std::uintmax_t(status.st_size) > maxFileBytes) fail(tooLarge());
+        char chunk[16384];
+        while (text.size() <= maxFileBytes) {
+            const ssize_t got = ::read(fd, chunk, sizeof chunk);
+            if (got == 0) break;
+            if (got < 0) {
+                if (errno == EINTR) continue;
+                throw PackError::unreadableManifest(file, std::strerror(errno));
+            }
+            text.append(chunk, std::size_t(got));
+        }
+    }
     return decode(text);
 }
 
@@ -179,26 +203,7 @@ std::string PackManifest::encode() const {
 
 void PackManifest::write(const std::filesystem::path& file) const {
     const std::string text = encode();
-    std::filesystem::path temporary = file;
-    temporary += ".tmp-" + std::to_string(::getpid());
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        out.close();
-        if (!out) {
-            const int code = errno != 0 ? errno : EIO;
-            std::error_code ignored;
-            std::filesystem::remove(temporary, ignored);
-            throw std::system_error(code, std::generic_category(), "Can't write " + file.string());
-        }
-    }
-    std::error_code error;
-    std::filesystem::rename(temporary, file, error);
-    if (error) {
-        std::error_code ignored;
-        std::filesystem::remove(temporary, ignored);
-        throw std::system_error(error, "Can't write " + file.string());
-    }
+    OutputFile::write(file, std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
 }
 
 } // namespace tobrin

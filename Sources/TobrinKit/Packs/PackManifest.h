@@ -64,18 +64,22 @@ struct PackManifest {
     static PackManifest decode(std::string_view json);
 
     // Reads and decodes `folder`/pack.json; a file larger than maxFileBytes
-    // is refused (DecodeError) unread. A file that cannot be read
-    // throws PackError::missingManifest(folder); a decoding failure throws
-    // DecodeError, which callers turn into the error they report.
+    // is refused (DecodeError) unread. No file there throws
+    // PackError::missingManifest(folder); one that is there but cannot be
+    // read (permissions, not a regular file, a read error) throws
+    // PackError::unreadableManifest with the system's reason; a decoding
+    // failure throws DecodeError, which callers turn into the error they
+    // report.
     static PackManifest read(const std::filesystem::path& folder);
 
     // Pretty-printed, keys sorted at every level, "/" not escaped, absent
     // optional keys left out; ends with a newline.
     std::string encode() const;
 
-    // Writes encode() to `file` through a temporary file in the same folder
-    // and a rename, so readers never see half a manifest. Throws
-    // std::system_error.
+    // Writes encode() to `file` with OutputFile::write: through a temporary
+    // file created exclusively in the same folder and a rename, so readers
+    // never see half a manifest and a link planted at the temporary's name
+    // is never followed. Throws std::filesystem::filesystem_error.
     void write(const std::filesystem::path& file) const;
 };
 

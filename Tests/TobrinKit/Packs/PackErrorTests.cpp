@@ -16,6 +16,8 @@ TEST(PackError, DescriptionsReadAsTheUserSeesThem) {
     const Case cases[] = {
         {PackError::missingManifest("/home/ada/.local/share/Tobrin/Packs/MyPack"),
          "No pack.json in /home/ada/.local/share/Tobrin/Packs/MyPack"},
+        {PackError::unreadableManifest("/packs/MyPack/pack.json", "Permission denied"),
+         "Can't read /packs/MyPack/pack.json: Permission denied"},
         {PackError::invalidManifest("/packs/MyPack", "path escapes pack: a/../b.wav"),
          "Invalid MyPack: path escapes pack: a/../b.wav"},
         {PackError::invalidManifest("/packs/MyPack/", "pack is too large"), "Invalid MyPack: pack is too large"},

@@ -2,14 +2,18 @@
 #include "TobrinKit/Packs/PackInfo.h"
 #include "TobrinKit/Packs/PackManifest.h"
 
+#include "Support/ChildProcess.h"
 #include "Support/SoundFiles.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace tobrin {
 namespace {
@@ -223,6 +227,18 @@ TEST(PackManifest, WritesAFileThatReadsBackAndLeavesNoTemporary) {
     EXPECT_THROW(manifest.write(folder / "no-such-folder" / "pack.json"), std::system_error);
 }
 
+TEST(PackManifest, WriteNeverFollowsALinkPlantedAtATemporaryName) {
+    ScratchFolder folder;
+    test::writeText(folder / "victim.txt", "precious");
+    std::filesystem::create_symlink(folder / "victim.txt", folder / ("pack.json.tmp-" + std::to_string(::getpid())));
+    const PackManifest manifest = PackManifest::decode(minimal);
+    manifest.write(folder / "pack.json");
+    std::ifstream victim(folder / "victim.txt");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(victim), {}), "precious");
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder / "pack.json")));
+    EXPECT_EQ(PackManifest::read(folder.path()), manifest);
+}
+
 TEST(PackInfo, ReadsTheSummaryFromTheFolder) {
     ScratchFolder folder;
     // Only the manifest is read: a pack whose audio is missing is still listed.
@@ -232,7 +248,7 @@ TEST(PackInfo, ReadsTheSummaryFromTheFolder) {
     EXPECT_EQ(info, (PackInfo{"p", "P", "k", "S", folder.path(), true}));
 }
 
-TEST(PackInfo, FailsWithMissingManifestOrInvalidManifestNamingPackJson) {
+TEST(PackInfo, TellsAMissingManifestFromAnUnreadableOneAndAnInvalidOne) {
     ScratchFolder folder;
     auto describe = [](const std::filesystem::path& directory) -> std::string {
         try {
@@ -243,10 +259,32 @@ TEST(PackInfo, FailsWithMissingManifestOrInvalidManifestNamingPackJson) {
         return "(read)";
     };
     EXPECT_EQ(describe(folder / "nothing"), "No pack.json in " + (folder / "nothing").string());
+    test::writeText(folder / "file", "not a folder");
+    EXPECT_EQ(describe(folder / "file"), "No pack.json in " + (folder / "file").string());
 
+    // There, but not readable: the system's reason is given, never "No pack.json".
     std::filesystem::create_directories(folder / "fifo");
     ASSERT_EQ(::mkfifo((folder / "fifo" / "pack.json").c_str(), 0600), 0);
-    EXPECT_EQ(describe(folder / "fifo"), "No pack.json in " + (folder / "fifo").string());
+    EXPECT_EQ(describe(folder / "fifo"),
+              "Can't read " + (folder / "fifo" / "pack.json").string() + ": not a regular file");
+    std::filesystem::create_directories(folder / "folder" / "pack.json");
+    EXPECT_EQ(describe(folder / "folder"),
+              "Can't read " + (folder / "folder" / "pack.json").string() + ": Is a directory");
+    std::filesystem::create_directories(folder / "loop");
+    std::filesystem::create_symlink("pack.json", folder / "loop" / "pack.json");
+    EXPECT_EQ(describe(folder / "loop"),
+              "Can't read " + (folder / "loop" / "pack.json").string() + ": Too many levels of symbolic links");
+
+    // Without read permission: root reads anything, so then a child reads as another user.
+    const bool root = ::geteuid() == 0;
+    test::writeText(folder / "locked" / "pack.json", minimal);
+    ASSERT_EQ(::chmod((folder / "locked" / "pack.json").c_str(), root ? 0600 : 0), 0);
+    const std::string expected = "Can't read " + (folder / "locked" / "pack.json").string() + ": Permission denied";
+    test::ChildProcess other([&](const auto&) {
+        if (root && ::setuid(test::userWithoutAccount) != 0) return 2;
+        return describe(folder / "locked") == expected ? 0 : 1;
+    });
+    EXPECT_EQ(other.wait(), 0) << "expected: " << expected;
 
     test::writeText(folder / "bad" / "pack.json", R"({"formatVersion": 1})");
     EXPECT_EQ(describe(folder / "bad"), "Invalid pack.json: key \"id\" is missing");

@@ -51,7 +51,8 @@ public:
     static constexpr std::size_t memoryBudget = 100'663'296;
 
     // Reads and decodes "pack.json" in `folder`: PackError::missingManifest
-    // when it cannot be read, PackManifest::DecodeError when it does not decode.
+    // or unreadableManifest when it is not there or cannot be read,
+    // PackManifest::DecodeError when it does not decode.
     static PackManifest readManifest(const std::filesystem::path& folder);
 
     // Decodes every file the manifest names at `sampleRate`. Files are
