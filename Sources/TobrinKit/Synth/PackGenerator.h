@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tobrin {
@@ -47,18 +48,36 @@ public:
     // The manifest that lists `takes` for `profile`.
     static PackManifest manifest(const SynthProfile& profile, const std::vector<Take>& takes);
 
-    // Renders the profile's takes and writes the pack (below). Returns the
-    // pack folder.
-    static std::filesystem::path generate(const SynthProfile& profile, const std::filesystem::path& into,
-                                          unsigned threads = 0);
+    // What may stand at the pack's folder when a pack is written there: only
+    // a pack this generator wrote (isGeneratedPack), or anything at all (the
+    // user asked for it to be overwritten).
+    enum class Overwrite { generatedPacks, anything };
 
-    // Removes `into`/id if anything is there (a pack is replaced whole, never
-    // merged), recreates it, writes every take in order and then pack.json.
-    // File-system failures are thrown as they come
-    // (std::filesystem::filesystem_error, std::system_error); files written
-    // before a failure stay. Returns the pack folder.
+    // The author and licence texts of every generated pack.
+    static constexpr std::string_view author = "Tobrin";
+    static constexpr std::string_view license = "Proprietary. Bundled with Tobrin.";
+
+    // Renders the profile's takes and writes the pack (below). Returns the
+    // pack folder. A folder in the way is refused before rendering starts.
+    static std::filesystem::path generate(const SynthProfile& profile, const std::filesystem::path& into,
+                                          unsigned threads = 0, Overwrite overwrite = Overwrite::generatedPacks);
+
+    // Writes the pack into `into`/id through a StagedPackFolder: every take
+    // in order, then pack.json, into a staging folder that is swapped into
+    // place whole, so the previous pack stays as it was until then and
+    // concurrent writers of one pack take turns. Throws
+    // StagedPackFolder::Refused when something at `into`/id may not be
+    // replaced (see Overwrite), and file-system failures as they come
+    // (std::filesystem::filesystem_error, std::system_error), leaving the
+    // previous pack in place. Returns the pack folder.
     static std::filesystem::path write(const SynthProfile& profile, const std::vector<Take>& takes,
-                                       const std::filesystem::path& into);
+                                       const std::filesystem::path& into,
+                                       Overwrite overwrite = Overwrite::generatedPacks);
+
+    // Whether `folder` holds a pack this generator wrote and nothing else, so
+    // replacing it loses nothing of the user's (the rule is written at its
+    // definition).
+    static bool isGeneratedPack(const std::filesystem::path& folder);
 };
 
 } // namespace tobrin

@@ -1,8 +1,10 @@
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackInfo.h"
+#include "TobrinKit/Packs/StagedPackFolder.h"
 #include "TobrinKit/Synth/KeySynth.h"
 #include "TobrinKit/Synth/PackGenerator.h"
 
+#include "Support/ChildProcess.h"
 #include "Support/IndependentReaders.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <set>
@@ -137,11 +140,15 @@ TEST_F(StarterPacks, AreTheSameBytesWhateverTheThreadCountAndWhenGeneratedAgain)
     ASSERT_EQ(filesUnder(serial), files);
     for (const auto& file : files) ASSERT_EQ(bytesOf(serial / file), bytesOf(packs() / file)) << file;
 
-    // Again, over a folder holding a stale take, with more workers than cores.
+    // Again over a generated pack, with more workers than cores; over a
+    // pack holding a file the generator did not write only when told to.
     const SynthProfile& typewriter = SynthProfile::typewriter();
-    std::ofstream(serial / typewriter.id / "stale.wav") << "left over";
     PackGenerator::generate(typewriter, serial, 7);
-    EXPECT_FALSE(fs::exists(serial / typewriter.id / "stale.wav"));
+    std::ofstream(serial / typewriter.id / "mine.wav") << "a recording";
+    EXPECT_THROW(PackGenerator::generate(typewriter, serial, 7), StagedPackFolder::Refused);
+    EXPECT_TRUE(fs::exists(serial / typewriter.id / "mine.wav"));
+    PackGenerator::generate(typewriter, serial, 7, PackGenerator::Overwrite::anything);
+    EXPECT_FALSE(fs::exists(serial / typewriter.id / "mine.wav"));
     for (const auto& file : filesUnder(serial / typewriter.id)) {
         ASSERT_EQ(bytesOf(serial / typewriter.id / file), bytesOf(packs() / typewriter.id / file)) << file;
     }
@@ -337,6 +344,108 @@ TEST_F(StarterPacks, LoadWithoutAGapToFillInAnyGroup) {
         }
         EXPECT_EQ(names.size(), 60u);
     }
+}
+
+TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
+    const SynthProfile& cream = SynthProfile::cream();
+    const fs::path into = packs().string() + "-in-the-way";
+    const fs::path folder = into / cream.id;
+    const auto editManifest = [&](const std::function<void(PackManifest&)>& edit) {
+        PackManifest manifest = PackManifest::read(folder);
+        edit(manifest);
+        manifest.write(folder / "pack.json");
+    };
+    struct Case {
+        const char* what;
+        std::function<void()> change;
+        bool replaceable;
+    };
+    const Case cases[] = {
+        {"as generated", [] {}, true},
+        {"a take missing", [&] { fs::remove(folder / "alpha-soft-1.wav"); }, true},
+        {"a recording added", [&] { std::ofstream(folder / "my-take.wav") << "mine"; }, false},
+        {"a hidden file added", [&] { std::ofstream(folder / ".notes") << "mine"; }, false},
+        {"a sub-folder added", [&] { fs::create_directories(folder / "recordings"); }, false},
+        {"a take turned into a link",
+         [&] {
+             fs::rename(folder / "alpha-soft-1.wav", into / "elsewhere.wav");
+             fs::create_symlink(into / "elsewhere.wav", folder / "alpha-soft-1.wav");
+         },
+         false},
+        {"the manifest listing a recording",
+         [&] {
+             std::ofstream(folder / "my-take.wav") << "mine";
+             editManifest([](PackManifest& m) { m.groups["alpha"].down["soft"].push_back("my-take.wav"); });
+         },
+         false},
+        {"another author", [&] { editManifest([](PackManifest& m) { m.author = "Ada"; }); }, false},
+        {"another id", [&] { editManifest([](PackManifest& m) { m.id = "my-cream"; }); }, false},
+        {"no manifest", [&] { fs::remove(folder / "pack.json"); }, false},
+        {"a link to a generated pack",
+         [&] {
+             fs::rename(folder, into / "real");
+             fs::create_symlink(into / "real", folder);
+         },
+         false},
+        {"a plain file",
+         [&] {
+             fs::remove_all(folder);
+             std::ofstream(folder) << "notes";
+         },
+         false},
+    };
+    for (const Case& c : cases) {
+        fs::remove_all(into);
+        PackGenerator::write(cream, takesOf(cream), into);
+        c.change();
+        EXPECT_EQ(PackGenerator::isGeneratedPack(folder), c.replaceable) << c.what;
+        if (c.replaceable) continue;
+        // Refused before anything is written, and the folder stays as it was.
+        const auto before = filesUnder(into);
+        EXPECT_THROW(PackGenerator::write(cream, takesOf(cream), into), StagedPackFolder::Refused) << c.what;
+        EXPECT_EQ(filesUnder(into), before) << c.what;
+    }
+    fs::remove_all(into);
+}
+
+TEST_F(StarterPacks, AFailureMidwayLeavesThePreviousPackAsItWas) {
+    const SynthProfile& dome = SynthProfile::dome();
+    const fs::path into = packs().string() + "-failing";
+    fs::remove_all(into);
+    PackGenerator::write(dome, takesOf(dome), into);
+    std::map<std::string, std::vector<std::uint8_t>> before;
+    for (const auto& file : filesUnder(into)) before[file] = bytesOf(into / file);
+
+    // The 31st take cannot be written (its folder does not exist), as on a full disk.
+    std::vector<PackGenerator::Take> failing = takesOf(dome);
+    failing[30].name = "missing-folder/" + failing[30].name;
+    EXPECT_THROW(PackGenerator::write(dome, failing, into), fs::filesystem_error);
+
+    std::map<std::string, std::vector<std::uint8_t>> after;
+    for (const auto& file : filesUnder(into)) after[file] = bytesOf(into / file);
+    EXPECT_EQ(after, before);
+    EXPECT_EQ(std::distance(fs::directory_iterator(into), {}), 1); // the pack, nothing aside
+    fs::remove_all(into);
+}
+
+TEST_F(StarterPacks, FourProcessesWritingOnePackLeaveItWhole) {
+    const SynthProfile& panda = SynthProfile::panda();
+    const fs::path into = packs().string() + "-contended";
+    fs::remove_all(into);
+    std::vector<std::unique_ptr<test::ChildProcess>> writers;
+    for (int w = 0; w < 4; ++w) {
+        writers.push_back(std::make_unique<test::ChildProcess>([&](const auto&) {
+            for (int round = 0; round < 3; ++round) PackGenerator::write(panda, takesOf(panda), into);
+            return 0;
+        }));
+    }
+    for (auto& writer : writers) EXPECT_EQ(writer->wait(), 0);
+    // Whole and identical to a pack written alone: every listed file there, nothing else.
+    const std::vector<std::string> files = filesUnder(into / panda.id);
+    ASSERT_EQ(files, filesUnder(packs() / panda.id));
+    for (const auto& file : files) EXPECT_EQ(bytesOf(into / panda.id / file), bytesOf(packs() / panda.id / file));
+    EXPECT_TRUE(PackGenerator::isGeneratedPack(into / panda.id));
+    fs::remove_all(into);
 }
 
 TEST(PackGenerator, RendersTheSameTakesOnAnyNumberOfWorkers) {
