@@ -4,7 +4,6 @@
 #include "TobrinKit/Packs/PackError.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -78,8 +77,9 @@ std::filesystem::path PackLibrary::userPacksDirectory() {
         if (const passwd* user = ::getpwuid(::getuid()); user && user->pw_dir && *user->pw_dir) home = user->pw_dir;
     }
     if (!home) {
-        std::fprintf(stderr, "Tobrin: no home folder for the current user\n");
-        std::abort();
+        throw NoUserFolder("no folder for your packs: neither XDG_DATA_HOME nor HOME is set, and the user database "
+                           "names no home folder for user " +
+                           std::to_string(::getuid()));
     }
     return *home / ".local" / "share" / "Tobrin" / "Packs";
 }
@@ -128,7 +128,11 @@ std::vector<PackInfo> PackLibrary::discover(const std::filesystem::path& folder,
 std::vector<PackInfo> PackLibrary::discover() {
     std::vector<PackInfo> found;
     if (auto bundled = bundledPacksDirectory()) found = discover(*bundled, true);
-    for (PackInfo& pack : discover(userPacksDirectory(), false)) found.push_back(std::move(pack));
+    try {
+        for (PackInfo& pack : discover(userPacksDirectory(), false)) found.push_back(std::move(pack));
+    } catch (const NoUserFolder&) {
+        // Without a home folder there are no user packs; the built-in ones still play.
+    }
 
     std::map<std::string, PackInfo> byId;
     for (PackInfo& pack : found) byId.insert_or_assign(pack.id, std::move(pack));

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <vector>
 
@@ -17,8 +18,15 @@ class PackLibrary {
 public:
     PackLibrary() = delete;
 
+    // What userPacksDirectory() throws when the user has no home folder.
+    class NoUserFolder : public std::runtime_error {
+    public:
+        using std::runtime_error::runtime_error;
+    };
+
     // $XDG_DATA_HOME/Tobrin/Packs, with ~/.local/share when XDG_DATA_HOME is
-    // unset or not absolute. The folder need not exist.
+    // unset or not absolute (~ from HOME, else the user database). The folder
+    // need not exist. Throws NoUserFolder when there is no home folder at all.
     static std::filesystem::path userPacksDirectory();
 
     // The folder of the built-in packs, the first of: $TOBRIN_PACKS (not
@@ -34,8 +42,8 @@ public:
 
     // Every pack of both folders, merged by id (a user pack replaces a
     // built-in one) and sorted: built-in packs first, then by name
-    // (compareNames). Never fails: unreadable folders and broken manifests
-    // are left out.
+    // (compareNames). Never fails: unreadable folders, broken manifests and
+    // a user without a home folder leave out what they concern.
     static std::vector<PackInfo> discover();
 
     // The packs directly inside one folder (not hidden, with a readable
