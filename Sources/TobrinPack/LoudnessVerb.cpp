@@ -2,6 +2,7 @@
 #include "Verbs.h"
 
 #include "TobrinKit/Building/Loudness.h"
+#include "TobrinKit/Engine/Core/PrintableText.h"
 #include "TobrinKit/Engine/Samples/SoundReader.h"
 
 #include <cstdio>
@@ -29,7 +30,7 @@ int runLoudness(std::span<const std::string_view> arguments) {
                 [&](const float* left, const float* right, std::size_t frames) { meter.add(left, right, frames); });
             const double lufs = meter.integrated();
             // Too short or too quiet to measure prints as -inf.
-            std::printf("%.2f LUFS\t%s\n", lufs, file.c_str());
+            std::printf("%.2f LUFS\t%s\n", lufs, printable(file).c_str());
         } catch (const std::exception& error) {
             printError(file + ": " + error.what());
             status = exitFailure;

@@ -5,9 +5,11 @@
 #include "TobrinKit/Building/WAVWriter.h"
 #include "TobrinKit/Engine/EngineSettings.h"
 #include "TobrinKit/Engine/OfflineRenderer.h"
+#include "TobrinKit/Engine/Core/PrintableText.h"
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackInfo.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -26,12 +28,22 @@ constexpr double defaultWordsPerMinute = 70;
 constexpr std::uint64_t scriptSeed = 2024;
 constexpr double renderRate = 48000;
 constexpr double tailSeconds = 0.6;
+// The longest render: ten minutes take about 230 MB of float samples, and
+// the loudness measure twice that again.
+constexpr double maximumSeconds = 600;
 
 // The demo types with a crescendo, from a light touch to a hard strike, so
 // that every force layer of the pack is heard.
 float crescendo(int index, int count) {
     if (count < 2) return 1.0f;
     return 0.5f + 2.0f * float(index) / float(count - 1);
+}
+
+// A words-a-minute figure as a user types it: "70", "1.5".
+std::string wpmText(double wordsPerMinute) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", wordsPerMinute);
+    return text;
 }
 
 std::optional<double> parseNumber(std::string_view text) {
@@ -77,18 +89,29 @@ int runRender(std::span<const std::string_view> arguments) {
     const std::filesystem::path packFolder(positional[0]);
     const std::filesystem::path output(positional[1]);
 
+    // The text is checked first: a refusal costs no pack loading.
+    const auto script = OfflineRenderer::typingScript(text, wordsPerMinute, scriptSeed, crescendo);
+    if (script.empty()) {
+        printError("render: the text has no character to type");
+        return exitUsage;
+    }
+    double lastKey = 0;
+    for (const ScriptedKey& key : script) lastKey = std::max(lastKey, key.time);
+    if (lastKey + tailSeconds > maximumSeconds) {
+        char minutes[32];
+        std::snprintf(minutes, sizeof minutes, "%.0f", std::ceil((lastKey + tailSeconds) / 60));
+        printError("render: typing this text at --wpm " + wpmText(wordsPerMinute) + " takes " + minutes +
+                   " minutes; a render is limited to " + std::to_string(int(maximumSeconds / 60)) +
+                   " minutes. Shorten the text or raise --wpm.");
+        return exitUsage;
+    }
+
     std::shared_ptr<const LoadedPack> pack;
     try {
         pack = LoadedPack::load(PackInfo::read(packFolder, false), renderRate);
     } catch (const std::exception& error) {
         printError(error.what());
         return exitFailure;
-    }
-
-    const auto script = OfflineRenderer::typingScript(text, wordsPerMinute, scriptSeed, crescendo);
-    if (script.empty()) {
-        printError("render: the text has no character to type");
-        return exitUsage;
     }
     const auto audio = OfflineRenderer::render(*pack, script, EngineSettings(), tailSeconds, renderRate);
     try {
@@ -99,8 +122,8 @@ int runRender(std::span<const std::string_view> arguments) {
     }
     const double lufs = Loudness::integrated(audio.left, std::span<const float>(audio.right), renderRate);
     const double seconds = double(audio.left.size()) / renderRate;
-    std::printf("Wrote %s (%s, %zu keys, %.1f s)\n", output.c_str(), pack->info().name.c_str(), script.size() / 2,
-                seconds);
+    std::printf("Wrote %s (%s, %zu keys, %.1f s)\n", printable(output.string()).c_str(),
+                printable(pack->info().name).c_str(), script.size() / 2, seconds);
     std::printf("Loudness: %.2f LUFS\n", lufs);
     return exitSuccess;
 }

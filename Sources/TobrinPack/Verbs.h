@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <span>
 #include <string_view>
 
@@ -20,7 +21,12 @@ inline constexpr int exitSuccess = 0;
 inline constexpr int exitFailure = 1;
 inline constexpr int exitUsage = 2;
 
-// Prints "tobrin-pack: " and the message to standard error.
+// Messages are cut to this many bytes: a message may quote a file's content.
+inline constexpr std::size_t maximumMessageLength = 4096;
+
+// Prints "tobrin-pack: " and the message to standard error, with control
+// characters escaped (printable()): messages carry names and text from packs
+// and file names, which must never reach the terminal raw.
 void printError(std::string_view message);
 
 // The verbs, one source file each (GenerateVerb.cpp, ...). main.cpp lists them.

@@ -2,8 +2,12 @@
 // listed once in the table below; --help is built from that table.
 #include "Verbs.h"
 
+#include "TobrinKit/Engine/Core/PrintableText.h"
+
 #include <array>
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -12,9 +16,10 @@ namespace tobrin::pack {
 namespace {
 
 constexpr std::array verbs = {
-    Verb{"generate", "[DIR] [--threads N]",
+    Verb{"generate", "[DIR] [--threads N] [--replace]",
          "write the five synthesized starter packs into DIR (default: your packs folder, "
-         "$XDG_DATA_HOME/Tobrin/Packs)",
+         "$XDG_DATA_HOME/Tobrin/Packs); a pack's folder that tobrin-pack did not generate is left alone "
+         "unless --replace says to overwrite it",
          runGenerate},
     Verb{"loudness", "FILE...", "print each file's integrated loudness in LUFS, then its name", runLoudness},
     Verb{"render", "PACK_DIR OUT.wav [--text T] [--wpm N]",
@@ -33,24 +38,36 @@ void printUsage(std::FILE* stream) {
 } // namespace
 
 void printError(std::string_view message) {
-    std::fprintf(stderr, "tobrin-pack: %.*s\n", int(message.size()), message.data());
+    const std::string shown = printable(message, maximumMessageLength);
+    std::fprintf(stderr, "tobrin-pack: %s\n", shown.c_str());
 }
 
 int main(int argc, char** argv) {
-    const std::vector<std::string_view> arguments(argv + 1, argv + argc);
-    if (arguments.empty()) {
-        printUsage(stderr);
+    // The verbs catch what they expect; this is the last line for the rest
+    // (running out of memory, say), so the tool never ends in an abort.
+    try {
+        const std::vector<std::string_view> arguments(argv + 1, argv + argc);
+        if (arguments.empty()) {
+            printUsage(stderr);
+            return exitUsage;
+        }
+        if (arguments[0] == "--help" || arguments[0] == "-h") {
+            printUsage(stdout);
+            return exitSuccess;
+        }
+        for (const Verb& verb : verbs) {
+            if (verb.name == arguments[0]) return verb.run(std::span(arguments).subspan(1));
+        }
+        printError("unknown verb " + std::string(arguments[0]) + " (see tobrin-pack --help)");
         return exitUsage;
+    } catch (const std::bad_alloc&) {
+        printError("out of memory");
+    } catch (const std::exception& error) {
+        printError(error.what());
+    } catch (...) {
+        printError("unexpected failure");
     }
-    if (arguments[0] == "--help" || arguments[0] == "-h") {
-        printUsage(stdout);
-        return exitSuccess;
-    }
-    for (const Verb& verb : verbs) {
-        if (verb.name == arguments[0]) return verb.run(std::span(arguments).subspan(1));
-    }
-    printError("unknown verb " + std::string(arguments[0]) + " (see tobrin-pack --help)");
-    return exitUsage;
+    return exitFailure;
 }
 
 } // namespace tobrin::pack

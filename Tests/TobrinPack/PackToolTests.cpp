@@ -3,6 +3,7 @@
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Packs/PackLibrary.h"
 
+#include "Support/ChildProcess.h"
 #include "Support/IndependentReaders.h"
 #include "Support/PeakMemory.h"
 #include "Support/SoundFiles.h"
@@ -10,11 +11,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <cmath>
 #include <numbers>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 namespace tobrin {
 namespace {
@@ -143,6 +147,70 @@ TEST_F(PackTool, GenerateWritesTheFiveStarterPacksIntoTheUsersPacksFolder) {
     std::sort(names.begin(), names.end(),
               [](const auto& a, const auto& b) { return PackLibrary::compareNames(a, b) < 0; });
     EXPECT_EQ(names, (std::vector<std::string>{"Blue Click", "Cream", "Dome", "Panda", "Typewriter"}));
+}
+
+TEST_F(PackTool, GenerateLeavesWhatItDidNotWriteAloneUnlessToldToReplaceIt) {
+    // The user's own folder of a starter pack's name, and a plain file of another's.
+    fs::create_directories(folder / "cream");
+    std::ofstream(folder / "cream" / "my-recording.wav") << "mine";
+    std::ofstream(folder / "panda") << "notes";
+
+    const auto refused = tool("generate " + testing::quoted(folder));
+    EXPECT_EQ(refused.exitStatus, 1) << refused.output;
+    for (const char* id : {"cream", "panda"}) {
+        EXPECT_NE(refused.output.find((folder / id).string() + " is in the way"), std::string::npos) << refused.output;
+    }
+    EXPECT_NE(refused.output.find("--replace"), std::string::npos) << refused.output;
+    EXPECT_TRUE(fs::is_regular_file(folder / "cream" / "my-recording.wav"));
+    EXPECT_TRUE(fs::is_regular_file(folder / "panda"));
+    EXPECT_FALSE(fs::exists(folder / "blue-click")); // nothing was written
+
+    const auto replaced = tool("generate --replace " + testing::quoted(folder));
+    ASSERT_EQ(replaced.exitStatus, 0) << replaced.output;
+    EXPECT_FALSE(fs::exists(folder / "cream" / "my-recording.wav"));
+    // What it generated, it regenerates without being told.
+    const auto again = tool("generate " + testing::quoted(folder));
+    EXPECT_EQ(again.exitStatus, 0) << again.output;
+    std::vector<std::string> entries;
+    for (const auto& entry : fs::directory_iterator(folder)) entries.push_back(entry.path().filename().string());
+    std::sort(entries.begin(), entries.end());
+    EXPECT_EQ(entries, (std::vector<std::string>{"blue-click", "cream", "dome", "panda", "typewriter"}));
+}
+
+TEST_F(PackTool, GenerateWithoutAHomeFolderSaysWhatIsMissing) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can run as a user without an account";
+    const std::string user = std::to_string(test::userWithoutAccount);
+    const auto result =
+        testing::runCommand("cd / && env -u HOME -u XDG_DATA_HOME setpriv --reuid=" + user + " --regid=" + user +
+                            " --clear-groups " + testing::quoted(TOBRIN_PACK_TOOL) + " generate");
+    EXPECT_EQ(result.exitStatus, 1) << result.output; // not an abort
+    EXPECT_NE(result.output.find("no folder for your packs"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("tobrin-pack generate DIR"), std::string::npos) << result.output;
+}
+
+TEST_F(PackTool, PrintsTextFromPacksAndFileNamesWithControlCharactersEscaped) {
+    // A pack whose name would retitle and clear the terminal, and a manifest
+    // and a file name carrying the same.
+    const fs::path evil = folder / "evil";
+    fs::create_directories(evil);
+    fs::copy_file(fs::path(TOBRIN_BUILT_IN_PACKS_DIR) / "cream" / "alpha-medium-1.wav", evil / "a.wav");
+    std::ofstream(evil / "pack.json") << "{\"formatVersion\": 1, \"id\": \"evil\", \"kind\": \"k\", "
+                                         "\"name\": \"Evil\\u001b]0;owned\\u0007\\u001b[2J\", "
+                                         "\"groups\": {\"alpha\": {\"down\": {\"medium\": [\"a.wav\"]}}}}";
+    fs::create_directories(folder / "broken");
+    std::ofstream(folder / "broken" / "pack.json") << "{\"id\": \"\x1b[2J";
+
+    const auto rendered = tool("render " + testing::quoted(evil) + " " + testing::quoted(folder / "out.wav"));
+    EXPECT_EQ(rendered.exitStatus, 0) << rendered.output;
+    EXPECT_NE(rendered.output.find("(Evil\\x1B]0;owned\\x07\\x1B[2J, "), std::string::npos) << rendered.output;
+    const auto broken = tool("render " + testing::quoted(folder / "broken") + " " + testing::quoted(folder / "x.wav"));
+    EXPECT_EQ(broken.exitStatus, 1) << broken.output;
+    const auto measured = tool("loudness " + testing::quoted(folder / "\x1b]0;owned\x07.wav"));
+    EXPECT_EQ(measured.exitStatus, 1) << measured.output;
+    for (const auto* result : {&rendered, &broken, &measured}) {
+        EXPECT_EQ(result->output.find('\x1b'), std::string::npos) << result->output;
+        EXPECT_EQ(result->output.find('\x07'), std::string::npos) << result->output;
+    }
 }
 
 } // namespace

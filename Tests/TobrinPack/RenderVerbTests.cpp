@@ -1,5 +1,6 @@
 #include "TobrinKit/Building/Loudness.h"
 
+#include "Support/FifoReader.h"
 #include "Support/IndependentReaders.h"
 #include "Support/PeakMemory.h"
 #include "Support/SoundFiles.h"
@@ -10,6 +11,8 @@
 #include <fstream>
 #include <regex>
 #include <string>
+
+#include <sys/stat.h>
 
 namespace tobrin {
 namespace {
@@ -146,6 +149,38 @@ TEST_F(RenderVerb, BadArgumentsAreUsageErrors) {
                                          pack + " " + out + " --text", pack + " " + out + " --text '%%'"})
         EXPECT_EQ(render(arguments).exitStatus, 2) << arguments;
     EXPECT_EQ(render(pack + " " + testing::quoted(folder / "no-such-folder" / "x.wav")).exitStatus, 1);
+}
+
+TEST_F(RenderVerb, WritesIntoAFifoAndLeavesItThere) {
+    const fs::path fifo = folder / "listener";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    test::FifoReader reader(fifo);
+    const auto result = render(testing::quoted(builtIn("cream")) + " " + testing::quoted(fifo) + " --text 'ok'");
+    EXPECT_EQ(result.exitStatus, 0) << result.output;
+    const auto received = reader.contents();
+    ASSERT_GT(received.size(), 44u);
+    EXPECT_EQ(std::string(received.begin(), received.begin() + 4), "RIFF");
+    EXPECT_EQ(std::string(received.begin() + 8, received.begin() + 12), "WAVE");
+    EXPECT_TRUE(fs::is_fifo(fs::symlink_status(fifo)));
+}
+
+TEST_F(RenderVerb, ALengthBeyondTenMinutesIsRefusedAndRunningOutOfMemoryIsAMessage) {
+    // 131,000 characters at one word a minute: about 18 days of audio.
+    const fs::path text = folder / "long.txt";
+    std::ofstream(text) << std::string(131000, 'a');
+    const fs::path out = folder / "long.wav";
+    const auto refused = render(testing::quoted(builtIn("cream")) + " " + testing::quoted(out) +
+                                " --wpm 1 --text \"$(cat " + testing::quoted(text) + ")\"");
+    EXPECT_EQ(refused.exitStatus, 2) << refused.output.substr(0, 300);
+    EXPECT_NE(refused.output.find("a render is limited to 10 minutes"), std::string::npos) << refused.output;
+    EXPECT_FALSE(fs::exists(out));
+
+    // Nine minutes within an address space too small for them: a message, not an abort.
+    const auto starved = testing::runCommand("ulimit -v 150000 && " + testing::quoted(TOBRIN_PACK_TOOL) + " render " +
+                                             testing::quoted(builtIn("cream")) + " " + testing::quoted(out) +
+                                             " --wpm 20 --text \"$(printf 'ab %.0s' $(seq 300))\"");
+    EXPECT_EQ(starved.exitStatus, 1) << starved.output;
+    EXPECT_NE(starved.output.find("out of memory"), std::string::npos) << starved.output;
 }
 
 } // namespace
