@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace tobrin {
@@ -74,10 +75,18 @@ void RecordedMotionSource::run(SensorRecording recording, ReportHandler handler)
     const std::uint64_t base = startTime();
     const bool paced = options_.speed > 0;
 
+    // Stamps stay on the steady clock's signed 64-bit nanosecond line.
+    const double room = double(std::numeric_limits<std::int64_t>::max() - std::int64_t(base));
     for (std::size_t i = 0; i < recording.size(); ++i) {
         const double scaled = paced ? double(recording.offset(i)) / options_.speed : double(recording.offset(i));
-        const std::uint64_t timestamp = base + static_cast<std::uint64_t>(std::llround(scaled));
         std::unique_lock lock(mutex_);
+        if (!(scaled < room)) {
+            // Slowed down past the end of the clock: due never, so the replay
+            // waits for stop() like a device that has gone quiet.
+            wake_.wait(lock, [&] { return stopRequested_; });
+            return;
+        }
+        const std::uint64_t timestamp = base + static_cast<std::uint64_t>(std::llround(scaled));
         if (paced) {
             // Host ticks are CLOCK_MONOTONIC nanoseconds, the steady clock's time line.
             const auto due = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(timestamp));

@@ -1,15 +1,27 @@
 // Reading and writing recorded motion-sensor streams.
 #include "TobrinKit/Force/SensorRecording.h"
 
+#include "TobrinKit/Engine/Core/PrintableText.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <string_view>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace tobrin {
 
 namespace {
 
 constexpr char hexDigits[] = "0123456789abcdef";
+
+// Error texts quote at most this much of a line, and of the file's path.
+constexpr std::size_t maximumQuotedText = 40;
+constexpr std::size_t maximumQuotedPath = 1024;
 
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -34,8 +46,14 @@ std::string parseRecord(std::string_view line, SensorRecording& recording) {
 
     std::uint64_t offset = 0;
     const auto parsed = std::from_chars(offsetText.data(), offsetText.data() + offsetText.size(), offset);
-    if (parsed.ec != std::errc() || parsed.ptr != offsetText.data() + offsetText.size()) {
-        return "offset \"" + std::string(offsetText) + "\" is not a whole number of nanoseconds";
+    const bool whole = parsed.ptr == offsetText.data() + offsetText.size();
+    if (whole && (parsed.ec == std::errc::result_out_of_range ||
+                  (parsed.ec == std::errc() && offset > SensorRecording::maximumOffset))) {
+        return "offset " + printable(offsetText, maximumQuotedText) + " is beyond " +
+               std::to_string(SensorRecording::maximumOffset) + " nanoseconds";
+    }
+    if (parsed.ec != std::errc() || !whole) {
+        return "offset \"" + printable(offsetText, maximumQuotedText) + "\" is not a whole number of nanoseconds";
     }
     if (!recording.empty() && offset < recording.offset(recording.size() - 1)) return "offsets must not decrease";
     if (hex.size() % 2 != 0) return "report has an odd number of hex digits";
@@ -66,37 +84,73 @@ void appendLine(std::string& line, std::uint64_t offset, std::span<const std::ui
 } // namespace
 
 SensorRecording SensorRecording::read(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    if (!in) throw SensorRecordingError(path.string() + ": cannot open the file");
+    const std::string name = printable(path.string(), maximumQuotedPath);
+    // Non-blocking, so that a FIFO is refused below instead of waiting for a writer.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) throw SensorRecordingError(name + ": cannot open the file: " + std::strerror(errno));
+    const struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) throw SensorRecordingError(name + ": cannot open the file: " + std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) {
+        throw SensorRecordingError(name + ": not a regular file (a FIFO, device or folder cannot be replayed)");
+    }
 
     SensorRecording recording;
     std::string line;
     std::size_t lineNumber = 0;
     bool sawHeader = false;
-    while (std::getline(in, line)) {
+    const auto take = [&](std::string_view text) {
         ++lineNumber;
-        const std::string_view text = trimmed(line);
+        text = trimmed(text);
         if (!sawHeader) {
             if (text != header) {
-                throw SensorRecordingError(path.string() + ": not a sensor replay file (the first line must read \"" +
-                                           header + "\")");
+                throw SensorRecordingError(name + ": not a sensor replay file (the first line must read \"" + header +
+                                           "\")");
             }
             sawHeader = true;
-            continue;
+            return;
         }
-        if (text.empty() || text.front() == '#') continue;
+        if (text.empty() || text.front() == '#') return;
         if (auto problem = parseRecord(text, recording); !problem.empty()) {
-            throw SensorRecordingError(path.string() + ":" + std::to_string(lineNumber) + ": " + problem);
+            throw SensorRecordingError(name + ":" + std::to_string(lineNumber) + ": " + problem);
+        }
+    };
+    char chunk[65536];
+    for (;;) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            throw SensorRecordingError(name + ": read error: " + std::strerror(errno));
+        }
+        if (got == 0) break;
+        std::string_view rest(chunk, std::size_t(got));
+        while (!rest.empty()) {
+            const std::size_t end = rest.find('\n');
+            const std::string_view part = rest.substr(0, end);
+            // A line is never held whole beyond the limit, however long it is.
+            if (line.size() + part.size() > maximumLineLength) {
+                throw SensorRecordingError(name + ":" + std::to_string(lineNumber + 1) + ": line longer than " +
+                                           std::to_string(maximumLineLength) + " characters");
+            }
+            line.append(part);
+            if (end == std::string_view::npos) break;
+            take(line);
+            line.clear();
+            rest.remove_prefix(end + 1);
         }
     }
-    if (in.bad()) throw SensorRecordingError(path.string() + ": read error");
-    if (!sawHeader) throw SensorRecordingError(path.string() + ": empty file, not a sensor replay file");
+    if (!line.empty()) take(line);
+    if (!sawHeader) throw SensorRecordingError(name + ": empty file, not a sensor replay file");
     return recording;
 }
 
 void SensorRecording::append(std::uint64_t offset, std::span<const std::uint8_t> report) {
     if (report.size() > maximumReportLength) throw std::invalid_argument("sensor report longer than 256 bytes");
     if (!offsets_.empty() && offset < offsets_.back()) throw std::invalid_argument("sensor offsets must not decrease");
+    if (offset > maximumOffset) throw std::invalid_argument("sensor offset beyond 2^62 nanoseconds");
     if (starts_.empty()) starts_.push_back(0);
     offsets_.push_back(offset);
     bytes_.insert(bytes_.end(), report.begin(), report.end());

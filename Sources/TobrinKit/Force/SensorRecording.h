@@ -26,12 +26,22 @@ class SensorRecording {
 public:
     static constexpr const char* header = "tobrin-sensor-replay 1";
     static constexpr std::size_t maximumReportLength = 256;
+    // Longer lines (comments included) make the file fail: a legal report
+    // line is under 600 characters, and a reader that kept any line whole
+    // could be made to hold a file's worth of memory.
+    static constexpr std::size_t maximumLineLength = 4096;
+    // The largest offset, 2^62 ns (about 146 years): the start time plus any
+    // offset stays on the clock's 63-bit time line.
+    static constexpr std::uint64_t maximumOffset = std::uint64_t(1) << 62;
 
-    // Reads a whole replay file. Throws SensorRecordingError.
+    // Reads a whole replay file, which must be a regular file (a FIFO or a
+    // device is refused, never waited on). Throws SensorRecordingError,
+    // whose text quotes at most a few dozen characters of the file.
     static SensorRecording read(const std::filesystem::path& path);
 
     // Appends one report at `offset` nanoseconds from the start; offsets must
-    // not decrease and reports hold at most 256 bytes (std::invalid_argument).
+    // not decrease nor pass maximumOffset, and reports hold at most 256 bytes
+    // (std::invalid_argument).
     void append(std::uint64_t offset, std::span<const std::uint8_t> report);
 
     std::size_t size() const { return offsets_.size(); }

@@ -4,15 +4,22 @@
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Force/SensorRecording.h"
 
+#include "Support/Eventually.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <future>
 #include <limits>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace tobrin {
 namespace {
@@ -83,9 +90,11 @@ TEST(SensorRecording, WriterOutputReadsBackReportForReport) {
 
 TEST(SensorRecording, AcceptsCommentsBlankLinesAndAnyHexCase) {
     const auto path = testFile("hand.replay");
-    writeText(path, "tobrin-sensor-replay 1\r\n# written by hand\n\n  7\t0aFF  \r\n7 \n12 00\n13\n");
+    writeText(path, "tobrin-sensor-replay 1\r\n# written by hand\n\n  7\t0aFF  \r\n7 \n12 00\n13\n"
+                    "4611686018427387904 00"); // the largest offset, on a last line without "\n"
     const auto recording = SensorRecording::read(path);
-    ASSERT_EQ(recording.size(), 4u);
+    ASSERT_EQ(recording.size(), 5u);
+    EXPECT_EQ(recording.offset(4), SensorRecording::maximumOffset);
     EXPECT_EQ(recording.offset(0), 7u);
     ASSERT_EQ(recording.report(0).size(), 2u);
     EXPECT_EQ(recording.report(0)[0], 0x0A);
@@ -97,8 +106,8 @@ TEST(SensorRecording, AcceptsCommentsBlankLinesAndAnyHexCase) {
 
 TEST(SensorRecording, RefusesBrokenFilesNamingTheLine) {
     struct Case {
-        const char* text;
-        const char* message;
+        std::string text;
+        std::string message;
     };
     const Case cases[] = {
         {"", "empty file"},
@@ -110,16 +119,26 @@ TEST(SensorRecording, RefusesBrokenFilesNamingTheLine) {
         {"tobrin-sensor-replay 1\n-10 00\n", ":2: offset \"-10\""},
         {"tobrin-sensor-replay 1\n1.5 00\n", ":2: offset \"1.5\""},
         {"tobrin-sensor-replay 1\n\nab 00\n", ":3: offset \"ab\""},
+        // Beyond 2^62 ns, where start time plus offset would leave the clock's range.
+        {"tobrin-sensor-replay 1\n4611686018427387905 00\n", ":2: offset 4611686018427387905 is beyond"},
+        {"tobrin-sensor-replay 1\n9300000000000000000 00\n", ":2: offset 9300000000000000000 is beyond"},
+        {"tobrin-sensor-replay 1\n18446744073709551616 00\n", ":2: offset 18446744073709551616 is beyond"},
+        // Long lines fail at the limit, comments too, with a short message.
+        {"tobrin-sensor-replay 1\n0 00\n# \x1b]0;x" + std::string(1 << 20, 'c') + "\n", ":3: line longer than 4096"},
+        {"tobrin-sensor-replay 1\n" + std::string(1 << 20, '7') + " 00\n", ":2: line longer than 4096"},
+        {"tobrin-sensor-replay 1\n\x1b[2J" + std::string(3000, '7') + " 00\n", ":2: offset \"\\x1B[2J7777"},
     };
     for (const Case& c : cases) {
         const auto path = testFile("broken.replay");
         writeText(path, c.text);
         try {
             SensorRecording::read(path);
-            ADD_FAILURE() << "accepted: " << c.text;
+            ADD_FAILURE() << "accepted: " << c.text.substr(0, 60);
         } catch (const SensorRecordingError& error) {
-            EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();
-            EXPECT_NE(std::string(error.what()).find(path.string()), std::string::npos) << error.what();
+            const std::string message = error.what();
+            EXPECT_NE(message.find(c.message), std::string::npos) << message.substr(0, 200);
+            EXPECT_NE(message.find(path.string()), std::string::npos) << message.substr(0, 200);
+            EXPECT_LT(message.size(), path.string().size() + 120) << message.substr(0, 200);
         }
     }
     const std::string longReport = "tobrin-sensor-replay 1\n0 " + std::string(2 * 257, 'a') + "\n";
@@ -138,6 +157,37 @@ TEST(RecordedMotionSource, FailsToStartOnAMissingOrBrokenFile) {
     ForceSensor sensor(std::make_unique<RecordedMotionSource>(missing));
     EXPECT_FALSE(sensor.start());
     EXPECT_FALSE(sensor.isRunning());
+}
+
+TEST(RecordedMotionSource, RefusesAFifoAtOnceInsteadOfWaitingForAWriter) {
+    const auto path = testFile("fifo.replay");
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    RecordedMotionSource source(path);
+    auto started = std::async(std::launch::async, [&] { return source.start([](auto, auto) {}); });
+    if (started.wait_for(10s) != std::future_status::ready) {
+        ADD_FAILURE() << "start() waits for a writer";
+        const int writer = ::open(path.c_str(), O_WRONLY | O_NONBLOCK); // lets it go on
+        ::close(writer);
+    }
+    EXPECT_FALSE(started.get());
+    EXPECT_NE(source.lastError().find("not a regular file"), std::string::npos) << source.lastError();
+}
+
+TEST(RecordedMotionSource, AReplaySlowedPastTheClocksEndWaitsInsteadOfDeliveringAtOnce) {
+    const auto path = testFile("far.replay");
+    SensorRecording recording;
+    recording.append(0, ForceSensor::encodeReport({0, 0, 1}));
+    recording.append(SensorRecording::maximumOffset, ForceSensor::encodeReport({0, 0, 1}));
+    recording.write(path);
+    for (const double speed : {1.0, 0.25}) { // at a quarter speed the last stamp passes 2^63
+        RecordedMotionSource source(path, RecordedMotionSource::Options{.speed = speed});
+        std::atomic<int> delivered{0};
+        ASSERT_TRUE(source.start([&](auto, auto) { delivered.fetch_add(1); }));
+        ASSERT_TRUE(test::eventually([&] { return delivered.load() == 1; }));
+        EXPECT_FALSE(source.waitUntilFinished(50ms)) << speed;
+        source.stop();
+        EXPECT_EQ(delivered.load(), 1) << speed;
+    }
 }
 
 TEST(RecordedMotionSource, FeedsTheSensorFromAFileOnItsOwnThread) {
