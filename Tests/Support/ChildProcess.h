@@ -9,7 +9,6 @@
 
 #include <csignal>
 #include <poll.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,57 +26,43 @@ public:
         if (::pipe(fds) != 0) return;
         pid_ = ::fork();
         if (pid_ == 0) {
-            ::close(fds[0]);
-            const int writeEnd = fds[1];
-            int status = 1;
+            const int signal = fds[1];
+            int status = 99; // an exception
             try {
-                status = body([writeEnd] { (void)!::write(writeEnd, "r", 1); });
+                status = body([signal] { (void)!::write(signal, "r", 1); });
             } catch (...) {
-                status = 99;
             }
             ::_exit(status);
         }
         ::close(fds[1]);
-        readEnd_ = fds[0];
+        ready_ = fds[0];
     }
     ~ChildProcess() {
-        if (pid_ > 0 && !reaped_) {
-            ::kill(pid_, SIGKILL);
-            wait();
-        }
-        if (readEnd_ >= 0) ::close(readEnd_);
+        if (status_ < 0) kill(), wait();
+        ::close(ready_);
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    bool started() const { return pid_ > 0; }
-
-    // True once the child called ready(), false on time-out or when it ended first.
+    // True once the child called ready(); false on time-out or when it ended first.
     bool waitUntilReady(std::chrono::milliseconds timeout) {
-        pollfd poll{readEnd_, POLLIN, 0};
-        if (::poll(&poll, 1, int(timeout.count())) != 1) return false;
+        pollfd poll{ready_, POLLIN, 0};
         char byte = 0;
-        return ::read(readEnd_, &byte, 1) == 1;
+        return ::poll(&poll, 1, int(timeout.count())) == 1 && ::read(ready_, &byte, 1) == 1;
     }
-
-    void kill(int signal = SIGKILL) { ::kill(pid_, signal); }
-
+    void kill() { ::kill(pid_, SIGKILL); }
     // The child's exit status, or 128 + the signal that ended it.
     int wait() {
-        if (reaped_) return status_;
         int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0) {
-            if (errno != EINTR) return -1;
+        if (status_ < 0 && ::waitpid(pid_, &status, 0) == pid_) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         }
-        reaped_ = true;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         return status_;
     }
 
 private:
     pid_t pid_ = -1;
-    int readEnd_ = -1;
-    bool reaped_ = false;
+    int ready_ = -1;
     int status_ = -1;
 };
 

@@ -1,6 +1,5 @@
 #include "TobrinKit/Building/Loudness.h"
 
-#include "Support/FifoReader.h"
 #include "Support/IndependentReaders.h"
 #include "Support/PeakMemory.h"
 #include "Support/SoundFiles.h"
@@ -11,8 +10,6 @@
 #include <fstream>
 #include <regex>
 #include <string>
-
-#include <sys/stat.h>
 
 namespace tobrin {
 namespace {
@@ -149,19 +146,6 @@ TEST_F(RenderVerb, BadArgumentsAreUsageErrors) {
                                          pack + " " + out + " --text", pack + " " + out + " --text '%%'"})
         EXPECT_EQ(render(arguments).exitStatus, 2) << arguments;
     EXPECT_EQ(render(pack + " " + testing::quoted(folder / "no-such-folder" / "x.wav")).exitStatus, 1);
-}
-
-TEST_F(RenderVerb, WritesIntoAFifoAndLeavesItThere) {
-    const fs::path fifo = folder / "listener";
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    test::FifoReader reader(fifo);
-    const auto result = render(testing::quoted(builtIn("cream")) + " " + testing::quoted(fifo) + " --text 'ok'");
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-    const auto received = reader.contents();
-    ASSERT_GT(received.size(), 44u);
-    EXPECT_EQ(std::string(received.begin(), received.begin() + 4), "RIFF");
-    EXPECT_EQ(std::string(received.begin() + 8, received.begin() + 12), "WAVE");
-    EXPECT_TRUE(fs::is_fifo(fs::symlink_status(fifo)));
 }
 
 TEST_F(RenderVerb, ALengthBeyondTenMinutesIsRefusedAndRunningOutOfMemoryIsAMessage) {

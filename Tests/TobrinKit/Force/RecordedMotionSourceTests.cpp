@@ -4,8 +4,6 @@
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Force/SensorRecording.h"
 
-#include "Support/Eventually.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -171,23 +169,6 @@ TEST(RecordedMotionSource, RefusesAFifoAtOnceInsteadOfWaitingForAWriter) {
     }
     EXPECT_FALSE(started.get());
     EXPECT_NE(source.lastError().find("not a regular file"), std::string::npos) << source.lastError();
-}
-
-TEST(RecordedMotionSource, AReplaySlowedPastTheClocksEndWaitsInsteadOfDeliveringAtOnce) {
-    const auto path = testFile("far.replay");
-    SensorRecording recording;
-    recording.append(0, ForceSensor::encodeReport({0, 0, 1}));
-    recording.append(SensorRecording::maximumOffset, ForceSensor::encodeReport({0, 0, 1}));
-    recording.write(path);
-    for (const double speed : {1.0, 0.25}) { // at a quarter speed the last stamp passes 2^63
-        RecordedMotionSource source(path, RecordedMotionSource::Options{.speed = speed});
-        std::atomic<int> delivered{0};
-        ASSERT_TRUE(source.start([&](auto, auto) { delivered.fetch_add(1); }));
-        ASSERT_TRUE(test::eventually([&] { return delivered.load() == 1; }));
-        EXPECT_FALSE(source.waitUntilFinished(50ms)) << speed;
-        source.stop();
-        EXPECT_EQ(delivered.load(), 1) << speed;
-    }
 }
 
 TEST(RecordedMotionSource, FeedsTheSensorFromAFileOnItsOwnThread) {

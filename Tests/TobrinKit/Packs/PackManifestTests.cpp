@@ -258,33 +258,25 @@ TEST(PackInfo, TellsAMissingManifestFromAnUnreadableOneAndAnInvalidOne) {
         }
         return "(read)";
     };
+    const auto unreadable = [&](const char* name, const char* reason) {
+        return "Can't read " + (folder / name / "pack.json").string() + ": " + reason;
+    };
     EXPECT_EQ(describe(folder / "nothing"), "No pack.json in " + (folder / "nothing").string());
-    test::writeText(folder / "file", "not a folder");
-    EXPECT_EQ(describe(folder / "file"), "No pack.json in " + (folder / "file").string());
-
-    // There, but not readable: the system's reason is given, never "No pack.json".
     std::filesystem::create_directories(folder / "fifo");
     ASSERT_EQ(::mkfifo((folder / "fifo" / "pack.json").c_str(), 0600), 0);
-    EXPECT_EQ(describe(folder / "fifo"),
-              "Can't read " + (folder / "fifo" / "pack.json").string() + ": not a regular file");
+    EXPECT_EQ(describe(folder / "fifo"), unreadable("fifo", "not a regular file"));
     std::filesystem::create_directories(folder / "folder" / "pack.json");
-    EXPECT_EQ(describe(folder / "folder"),
-              "Can't read " + (folder / "folder" / "pack.json").string() + ": Is a directory");
-    std::filesystem::create_directories(folder / "loop");
-    std::filesystem::create_symlink("pack.json", folder / "loop" / "pack.json");
-    EXPECT_EQ(describe(folder / "loop"),
-              "Can't read " + (folder / "loop" / "pack.json").string() + ": Too many levels of symbolic links");
+    EXPECT_EQ(describe(folder / "folder"), unreadable("folder", "Is a directory"));
 
-    // Without read permission: root reads anything, so then a child reads as another user.
+    // Without read permission; root reads anything, so then a child reads as another user.
     const bool root = ::geteuid() == 0;
     test::writeText(folder / "locked" / "pack.json", minimal);
     ASSERT_EQ(::chmod((folder / "locked" / "pack.json").c_str(), root ? 0600 : 0), 0);
-    const std::string expected = "Can't read " + (folder / "locked" / "pack.json").string() + ": Permission denied";
     test::ChildProcess other([&](const auto&) {
         if (root && ::setuid(test::userWithoutAccount) != 0) return 2;
-        return describe(folder / "locked") == expected ? 0 : 1;
+        return describe(folder / "locked") == unreadable("locked", "Permission denied") ? 0 : 1;
     });
-    EXPECT_EQ(other.wait(), 0) << "expected: " << expected;
+    EXPECT_EQ(other.wait(), 0);
 
     test::writeText(folder / "bad" / "pack.json", R"({"formatVersion": 1})");
     EXPECT_EQ(describe(folder / "bad"), "Invalid pack.json: key \"id\" is missing");

@@ -43,6 +43,13 @@ std::vector<std::string> filesUnder(const fs::path& folder) {
     return files;
 }
 
+// Every regular file under `folder` with its bytes.
+std::map<std::string, std::vector<std::uint8_t>> contentsOf(const fs::path& folder) {
+    std::map<std::string, std::vector<std::uint8_t>> contents;
+    for (const auto& file : filesUnder(folder)) contents[file] = bytesOf(folder / file);
+    return contents;
+}
+
 double energyOf(const PackGenerator::Take& take) {
     double sum = 0;
     for (float v : take.left) sum += double(v) * v;
@@ -348,62 +355,30 @@ TEST_F(StarterPacks, LoadWithoutAGapToFillInAnyGroup) {
 
 TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
     const SynthProfile& cream = SynthProfile::cream();
-    const fs::path into = packs().string() + "-in-the-way";
-    const fs::path folder = into / cream.id;
-    const auto editManifest = [&](const std::function<void(PackManifest&)>& edit) {
-        PackManifest manifest = PackManifest::read(folder);
-        edit(manifest);
-        manifest.write(folder / "pack.json");
+    const fs::path into = packs().string() + "-in-the-way", folder = into / cream.id;
+    const auto mine = [](const fs::path& file) { std::ofstream(file) << "mine"; };
+    fs::remove_all(into);
+    PackGenerator::write(cream, takesOf(cream), into);
+    fs::remove(folder / "alpha-soft-1.wav");
+    EXPECT_TRUE(PackGenerator::isGeneratedPack(folder)); // a take missing loses nothing
+
+    const std::pair<const char*, std::function<void()>> inTheWay[] = {
+        {"a recording added", [&] { mine(folder / "my-take.wav"); }},
+        {"a hidden file added", [&] { mine(folder / ".notes"); }},
+        {"a take made a link",
+         [&] { fs::remove(folder / "enter-up-1.wav"), fs::create_symlink("pack.json", folder / "enter-up-1.wav"); }},
+        {"a link to a generated pack", [&] { fs::rename(folder, into / "real"), fs::create_symlink("real", folder); }},
+        {"a plain file", [&] { fs::remove_all(folder), mine(folder); }},
     };
-    struct Case {
-        const char* what;
-        std::function<void()> change;
-        bool replaceable;
-    };
-    const Case cases[] = {
-        {"as generated", [] {}, true},
-        {"a take missing", [&] { fs::remove(folder / "alpha-soft-1.wav"); }, true},
-        {"a recording added", [&] { std::ofstream(folder / "my-take.wav") << "mine"; }, false},
-        {"a hidden file added", [&] { std::ofstream(folder / ".notes") << "mine"; }, false},
-        {"a sub-folder added", [&] { fs::create_directories(folder / "recordings"); }, false},
-        {"a take turned into a link",
-         [&] {
-             fs::rename(folder / "alpha-soft-1.wav", into / "elsewhere.wav");
-             fs::create_symlink(into / "elsewhere.wav", folder / "alpha-soft-1.wav");
-         },
-         false},
-        {"the manifest listing a recording",
-         [&] {
-             std::ofstream(folder / "my-take.wav") << "mine";
-             editManifest([](PackManifest& m) { m.groups["alpha"].down["soft"].push_back("my-take.wav"); });
-         },
-         false},
-        {"another author", [&] { editManifest([](PackManifest& m) { m.author = "Ada"; }); }, false},
-        {"another id", [&] { editManifest([](PackManifest& m) { m.id = "my-cream"; }); }, false},
-        {"no manifest", [&] { fs::remove(folder / "pack.json"); }, false},
-        {"a link to a generated pack",
-         [&] {
-             fs::rename(folder, into / "real");
-             fs::create_symlink(into / "real", folder);
-         },
-         false},
-        {"a plain file",
-         [&] {
-             fs::remove_all(folder);
-             std::ofstream(folder) << "notes";
-         },
-         false},
-    };
-    for (const Case& c : cases) {
+    for (const auto& [what, change] : inTheWay) {
         fs::remove_all(into);
         PackGenerator::write(cream, takesOf(cream), into);
-        c.change();
-        EXPECT_EQ(PackGenerator::isGeneratedPack(folder), c.replaceable) << c.what;
-        if (c.replaceable) continue;
-        // Refused before anything is written, and the folder stays as it was.
+        change();
+        EXPECT_FALSE(PackGenerator::isGeneratedPack(folder)) << what;
+        // Refused before anything is written; the folder stays as it was.
         const auto before = filesUnder(into);
-        EXPECT_THROW(PackGenerator::write(cream, takesOf(cream), into), StagedPackFolder::Refused) << c.what;
-        EXPECT_EQ(filesUnder(into), before) << c.what;
+        EXPECT_THROW(PackGenerator::write(cream, takesOf(cream), into), StagedPackFolder::Refused) << what;
+        EXPECT_EQ(filesUnder(into), before) << what;
     }
     fs::remove_all(into);
 }
@@ -413,17 +388,14 @@ TEST_F(StarterPacks, AFailureMidwayLeavesThePreviousPackAsItWas) {
     const fs::path into = packs().string() + "-failing";
     fs::remove_all(into);
     PackGenerator::write(dome, takesOf(dome), into);
-    std::map<std::string, std::vector<std::uint8_t>> before;
-    for (const auto& file : filesUnder(into)) before[file] = bytesOf(into / file);
+    const auto before = contentsOf(into);
 
     // The 31st take cannot be written (its folder does not exist), as on a full disk.
     std::vector<PackGenerator::Take> failing = takesOf(dome);
     failing[30].name = "missing-folder/" + failing[30].name;
     EXPECT_THROW(PackGenerator::write(dome, failing, into), fs::filesystem_error);
 
-    std::map<std::string, std::vector<std::uint8_t>> after;
-    for (const auto& file : filesUnder(into)) after[file] = bytesOf(into / file);
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(contentsOf(into), before);
     EXPECT_EQ(std::distance(fs::directory_iterator(into), {}), 1); // the pack, nothing aside
     fs::remove_all(into);
 }
@@ -441,9 +413,7 @@ TEST_F(StarterPacks, FourProcessesWritingOnePackLeaveItWhole) {
     }
     for (auto& writer : writers) EXPECT_EQ(writer->wait(), 0);
     // Whole and identical to a pack written alone: every listed file there, nothing else.
-    const std::vector<std::string> files = filesUnder(into / panda.id);
-    ASSERT_EQ(files, filesUnder(packs() / panda.id));
-    for (const auto& file : files) EXPECT_EQ(bytesOf(into / panda.id / file), bytesOf(packs() / panda.id / file));
+    EXPECT_EQ(contentsOf(into / panda.id), contentsOf(packs() / panda.id));
     EXPECT_TRUE(PackGenerator::isGeneratedPack(into / panda.id));
     fs::remove_all(into);
 }
