@@ -1,6 +1,6 @@
 // One producer pushing while one consumer renders, as the conductor and the audio
 // thread do. Run under ThreadSanitizer by tools/test.
-#include "MixerTestSupport.h"
+#include "Support/Mixer.h"
 
 #include <gtest/gtest.h>
 
@@ -68,7 +68,7 @@ TEST(MixerConcurrency, EveryAcceptedCommandIsAppliedOnceAndInOrder) {
 
 TEST(MixerConcurrency, MasterAndCountersMayBeReadWhileRendering) {
     auto mixer = makeMixer();
-    const auto take = constant(0.1f, 48000);
+    const std::vector<float> take(48000, 0.1f);
     std::atomic<bool> stop{false};
     std::thread renderer([&] {
         std::vector<float> left(256), right(256);
