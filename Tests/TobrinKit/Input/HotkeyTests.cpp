@@ -1,86 +1,71 @@
 #include "TobrinKit/Input/Hotkey.h"
 
+#include "TobrinKit/Engine/Core/KeyCode.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 namespace tobrin {
 namespace {
 
-TEST(Modifiers, RawElevenIsControlOptionCommand) {
-    const Modifiers eleven{11};
-    EXPECT_TRUE(eleven.contains(Modifiers::control));
-    EXPECT_TRUE(eleven.contains(Modifiers::option));
-    EXPECT_FALSE(eleven.contains(Modifiers::shift));
-    EXPECT_TRUE(eleven.contains(Modifiers::command));
-    EXPECT_EQ(eleven, Modifiers::control | Modifiers::option | Modifiers::command);
-    EXPECT_TRUE(Modifiers{}.isEmpty());
-}
-
-TEST(Hotkey, DefaultIsTheFirstPresetAndReadsCtrlAltSuperK) {
-    const Hotkey hotkey;
-    EXPECT_EQ(hotkey, Hotkey::presets[0]);
-    EXPECT_EQ(hotkey.displayString(), "Ctrl+Alt+Super+K");
-}
-
-TEST(Hotkey, PresetsAreKSMT) {
-    const char* expected[] = {"Ctrl+Alt+Super+K", "Ctrl+Alt+Super+S", "Ctrl+Alt+Super+M", "Ctrl+Alt+Super+T"};
-    for (std::size_t i = 0; i < Hotkey::presets.size(); ++i) {
-        EXPECT_EQ(Hotkey::presets[i].modifiers.rawValue, 11u);
-        EXPECT_EQ(Hotkey::presets[i].displayString(), expected[i]);
-    }
-}
-
-TEST(Hotkey, ModifiersAreNamedInFixedOrder) {
-    EXPECT_EQ((Hotkey{0, Modifiers{15}}).displayString(), "Ctrl+Alt+Shift+Super+A");
-    EXPECT_EQ((Hotkey{0, Modifiers::command | Modifiers::shift}).displayString(), "Shift+Super+A");
-    EXPECT_EQ((Hotkey{0, Modifiers{}}).displayString(), "A");
-}
-
-TEST(Hotkey, LabelPrefersSpecialKeysThenLayoutThenQwertyThenCode) {
+TEST(Hotkey, NamesTheModifiersInFixedOrderThenTheKey) {
     const auto layout = [](std::uint32_t code) -> std::optional<std::string> {
-        if (code == 12) return "a"; // an AZERTY layout puts A where QWERTY has Q
-        if (code == 13) return "";  // an empty name counts as none
-        if (code == 49) return " ";
+        if (code == KeyCode::q) return "a"; // an AZERTY layout puts A where QWERTY has Q
+        if (code == KeyCode::w) return "";  // an empty name counts as none
+        if (code == KeyCode::space) return " ";
         if (code == 150) return "ß";
         if (code == 151) return "é";
         if (code == 152) return "ø";
         return std::nullopt;
     };
     const Modifiers control = Modifiers::control;
-    EXPECT_EQ((Hotkey{12, control}).displayString(layout), "Ctrl+A");
-    EXPECT_EQ((Hotkey{13, control}).displayString(layout), "Ctrl+W");
-    EXPECT_EQ((Hotkey{49, control}).displayString(layout), "Ctrl+Space");
-    // Full Unicode case mapping, beyond ASCII and beyond one character.
-    EXPECT_EQ((Hotkey{150, control}).displayString(layout), "Ctrl+SS");
-    EXPECT_EQ((Hotkey{151, control}).displayString(layout), "Ctrl+É");
-    EXPECT_EQ((Hotkey{152, control}).displayString(layout), "Ctrl+Ø");
-    EXPECT_EQ((Hotkey{200, control}).displayString(layout), "Ctrl+Key 200");
-    EXPECT_EQ((Hotkey{200, control}).displayString(), "Ctrl+Key 200");
-    EXPECT_EQ((Hotkey{111, control}).displayString(), "Ctrl+F12");
-    EXPECT_EQ((Hotkey{90, control}).displayString(), "Ctrl+F20");
-    EXPECT_EQ((Hotkey{42, control}).displayString(), "Ctrl+\\");
-}
-
-TEST(Hotkey, CodesKeyCodeAndRawModifiers) {
-    const Hotkey hotkey{46, Modifiers::control | Modifiers::shift};
-    const nlohmann::json json = hotkey;
-    EXPECT_EQ(json, nlohmann::json::parse(R"({"keyCode": 46, "modifiers": 5})"));
-    EXPECT_EQ(json.get<Hotkey>(), hotkey);
-    EXPECT_EQ(nlohmann::json::parse(R"({"keyCode": 4294967295, "modifiers": 0})").get<Hotkey>().keyCode, 4294967295u);
-}
-
-TEST(Hotkey, RejectsMissingKeysAndNumbersOutsideUnsigned32Bits) {
-    const char* broken[] = {
-        R"({"keyCode": 40})",
-        R"({"modifiers": 11})",
-        R"({"keyCode": -1, "modifiers": 11})",
-        R"({"keyCode": 4294967296, "modifiers": 11})",
-        R"({"keyCode": 40.5, "modifiers": 11})",
-        R"({"keyCode": 40, "modifiers": "11"})",
+    struct Case {
+        Hotkey hotkey;
+        bool withLayout;
+        const char* text;
     };
-    for (const char* text : broken) {
-        SCOPED_TRACE(text);
-        EXPECT_THROW(nlohmann::json::parse(text).get<Hotkey>(), nlohmann::json::exception);
+    const Case cases[] = {
+        {Hotkey{}, false, "Ctrl+Alt+Super+K"},
+        {Hotkey::presets[1], false, "Ctrl+Alt+Super+S"},
+        {Hotkey::presets[2], false, "Ctrl+Alt+Super+M"},
+        {Hotkey::presets[3], false, "Ctrl+Alt+Super+T"},
+        {{KeyCode::a, Modifiers{15}}, false, "Ctrl+Alt+Shift+Super+A"},
+        {{KeyCode::a, Modifiers::command | Modifiers::shift}, false, "Shift+Super+A"},
+        {{KeyCode::a, {}}, false, "A"},
+        // The special-key table first, then the layout, the US label, the code.
+        {{KeyCode::space, control}, true, "Ctrl+Space"},
+        {{KeyCode::q, control}, true, "Ctrl+A"},
+        {{KeyCode::w, control}, true, "Ctrl+W"},
+        // Full Unicode case mapping, beyond ASCII and beyond one character.
+        {{150, control}, true, "Ctrl+SS"},
+        {{151, control}, true, "Ctrl+É"},
+        {{152, control}, true, "Ctrl+Ø"},
+        {{200, control}, true, "Ctrl+Key 200"},
+        {{200, control}, false, "Ctrl+Key 200"},
+        {{KeyCode::f12, control}, false, "Ctrl+F12"},
+        {{KeyCode::f20, control}, false, "Ctrl+F20"},
+        {{KeyCode::backslash, control}, false, "Ctrl+\\"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.hotkey.displayString(c.withLayout ? Hotkey::KeyNamer(layout) : Hotkey::KeyNamer()), c.text);
+    }
+    EXPECT_EQ(Hotkey{}, Hotkey::presets[0]);
+}
+
+TEST(Hotkey, CodesKeyCodeAndRawModifiersAndRejectsAnythingElse) {
+    const Hotkey hotkey{KeyCode::m, Modifiers::control | Modifiers::shift};
+    EXPECT_EQ(nlohmann::json(hotkey), nlohmann::json::parse(R"({"keyCode": 46, "modifiers": 5})"));
+    EXPECT_EQ(nlohmann::json(hotkey).get<Hotkey>(), hotkey);
+    EXPECT_EQ(nlohmann::json::parse(R"({"keyCode": 4294967295, "modifiers": 0})").get<Hotkey>().keyCode, 4294967295u);
+    for (const char* broken : {
+             R"({"keyCode": 40})",
+             R"({"modifiers": 11})",
+             R"({"keyCode": -1, "modifiers": 11})",
+             R"({"keyCode": 4294967296, "modifiers": 11})",
+             R"({"keyCode": 40.5, "modifiers": 11})",
+             R"({"keyCode": 40, "modifiers": "11"})",
+         }) {
+        EXPECT_THROW(nlohmann::json::parse(broken).get<Hotkey>(), nlohmann::json::exception) << broken;
     }
 }
 

@@ -1,68 +1,58 @@
 #include "TobrinKit/Input/KeyLayout.h"
 
-#include "TobrinKit/Engine/Core/SplitMix64.h"
+#include "TobrinKit/Engine/Core/KeyCode.h"
 
 #include <gtest/gtest.h>
 
-#include <set>
+#include <vector>
 
 namespace tobrin {
 namespace {
 
 TEST(KeyLayout, GroupsKeysBySound) {
-    struct Case {
-        std::uint16_t code;
-        KeyGroup group;
-    };
-    const Case cases[] = {
-        {49, KeyGroup::space},      {36, KeyGroup::enter},    {76, KeyGroup::enter},    {51, KeyGroup::backspace},
-        {117, KeyGroup::backspace}, {48, KeyGroup::modifier}, {54, KeyGroup::modifier}, {56, KeyGroup::modifier},
-        {57, KeyGroup::modifier},   {63, KeyGroup::modifier}, {53, KeyGroup::alpha},    {50, KeyGroup::alpha},
-        {64, KeyGroup::alpha},      {0, KeyGroup::alpha},     {52, KeyGroup::alpha},    {65535, KeyGroup::alpha},
-    };
-    for (const Case& c : cases) EXPECT_EQ(KeyLayout::group(c.code), c.group) << c.code;
-}
-
-TEST(KeyLayout, ColumnsFollowTheRowsOfTheKeyboard) {
-    struct Case {
-        std::uint16_t code;
-        double column;
-    };
-    const Case cases[] = {
-        {53, 0.5},   {122, 1.6}, {111, 13.48}, {50, 0.5}, {24, 12.5},  {51, 14.0},  {12, 2.0},   {30, 13.0}, {0, 2.25},
-        {39, 12.25}, {6, 2.75},  {44, 11.75},  {49, 7.5}, {124, 14.9}, {117, 14.6}, {42, 14.25}, {60, 13.9},
-    };
-    for (const Case& c : cases) {
-        ASSERT_TRUE(KeyLayout::column(c.code)) << c.code;
-        EXPECT_NEAR(*KeyLayout::column(c.code), c.column, 1e-12) << c.code;
-    }
-    EXPECT_FALSE(KeyLayout::column(76)); // keypad Enter
-    EXPECT_FALSE(KeyLayout::column(10)); // ISO section key
-    EXPECT_FALSE(KeyLayout::column(200));
-}
-
-TEST(KeyLayout, PanSpansTheKeyboardAndCentresUnknownKeys) {
-    EXPECT_EQ(KeyLayout::pan(49), 0.0f);
-    EXPECT_NEAR(KeyLayout::pan(53), -0.9333f, 1e-4);
-    EXPECT_NEAR(KeyLayout::pan(124), 0.9867f, 1e-4);
-    EXPECT_EQ(KeyLayout::pan(200), 0.0f);
-    EXPECT_EQ(KeyLayout::pan(76), 0.0f);
-    for (unsigned code = 0; code < 128; ++code) {
-        const float pan = KeyLayout::pan(static_cast<std::uint16_t>(code));
-        EXPECT_GE(pan, -1.0f);
-        EXPECT_LE(pan, 1.0f);
+    using enum KeyCode;
+    const std::pair<KeyGroup, std::vector<std::uint16_t>> groups[] = {
+        {KeyGroup::space, {space}},
+        {KeyGroup::enter, {returnKey, keypadEnter}},
+        {KeyGroup::backspace, {deleteKey, forwardDelete}},
+        {KeyGroup::modifier, {tab, rightCommand, shift, capsLock, function}}, // Tab sounds like a modifier
+        {KeyGroup::alpha, {escape, grave, f17, a, 52, 65535}}};
+    for (const auto& [group, codes] : groups) {
+        for (const std::uint16_t code : codes) EXPECT_EQ(KeyLayout::group(code), group) << code;
     }
 }
 
-TEST(KeyLayout, IdentityIsTheGeneratorsFirstOutputForTheCode) {
-    std::set<std::uint64_t> seen;
-    for (unsigned code = 0; code < 128; ++code) {
-        const auto key = static_cast<std::uint16_t>(code);
-        EXPECT_EQ(KeyLayout::identity(key), SplitMix64(key).next());
-        seen.insert(KeyLayout::identity(key));
+TEST(KeyLayout, PlacesKeysInTheRowsOfTheKeyboardAndPansThemAcrossIt) {
+    using enum KeyCode;
+    const std::pair<std::uint16_t, double> columns[] = {
+        {escape, 0.5},
+        {f1, 1.6},
+        {f12, 13.48},
+        {grave, 0.5},
+        {equal, 12.5},
+        {deleteKey, 14},
+        {q, 2},
+        {rightBracket, 13},
+        {a, 2.25},
+        {quote, 12.25},
+        {z, 2.75},
+        {slash, 11.75},
+        {space, 7.5},
+        {rightArrow, 14.9},
+        {forwardDelete, 14.6},
+        {backslash, 14.25},
+        {rightShift, 13.9},
+    };
+    for (const auto& [code, column] : columns) {
+        ASSERT_TRUE(KeyLayout::column(code)) << code;
+        EXPECT_NEAR(*KeyLayout::column(code), column, 1e-12) << code;
     }
-    EXPECT_EQ(seen.size(), 128u);
-    EXPECT_EQ(KeyLayout::identity(0), 0xE220A8397B1DCDAFULL);
+    for (const std::uint16_t unplaced : {keypadEnter, section, KeyCode(200)}) {
+        EXPECT_FALSE(KeyLayout::column(unplaced)) << unplaced;
+        EXPECT_EQ(KeyLayout::pan(unplaced), 0.0f) << unplaced;
+    }
+    EXPECT_NEAR(KeyLayout::pan(escape), -0.9333f, 1e-4);
+    EXPECT_NEAR(KeyLayout::pan(rightArrow), 0.9867f, 1e-4);
 }
 
 } // namespace
