@@ -1,6 +1,7 @@
 // Proves that pushing and rendering never allocate, free or lock: this program
-// replaces the allocator entry points and pthread_mutex_lock with versions that
-// count calls made while the current thread is inside a mixer call.
+// replaces the C allocator entry points (which operator new and delete end in)
+// and pthread_mutex_lock with versions that count calls made while the current
+// thread is inside a mixer call.
 #include "Support/Mixer.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <mutex>
-#include <new>
 #include <pthread.h>
 
 extern "C" {
@@ -70,38 +70,6 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) {
     return real(mutex);
 }
 }
-
-void* operator new(std::size_t size) {
-    noteCall();
-    if (void* p = __libc_malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    noteCall();
-    if (void* p = __libc_memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) { return operator new(size, alignment); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    noteCall();
-    return __libc_malloc(size == 0 ? 1 : size);
-}
-void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    noteCall();
-    return __libc_memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size);
-}
-void operator delete(void* p) noexcept {
-    noteCall();
-    __libc_free(p);
-}
-void operator delete[](void* p) noexcept { operator delete(p); }
-void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::size_t) noexcept { operator delete(p); }
-void operator delete(void* p, std::align_val_t) noexcept { operator delete(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { operator delete(p); }
 
 namespace tobrin::test {
 namespace {

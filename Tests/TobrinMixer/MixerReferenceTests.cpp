@@ -13,28 +13,19 @@
 namespace tobrin::test {
 namespace {
 
-struct Take {
-    std::vector<float> left, right;
-    bool stereo = false;
-    TBSample sample() const {
-        return TBSample{left.data(), stereo ? right.data() : nullptr, std::uint32_t(left.size())};
-    }
-};
-
 class Scenario {
 public:
-    explicit Scenario(std::uint32_t seed) : rng_(seed) {
+    // Sixteen takes of up to 3000 frames; one in three is mono.
+    explicit Scenario(std::uint32_t seed) : rng_(seed), channels_(16) {
         std::uniform_real_distribution<float> value(-0.45f, 0.45f);
-        std::uniform_int_distribution<int> length(1, 3000);
-        for (int i = 0; i < 16; ++i) {
-            Take take;
-            const int frames = i == 0 ? 1 : length(rng_);
-            take.stereo = i % 3 != 0;
+        for (std::size_t i = 0; i < channels_.size(); ++i) {
+            auto& [left, right] = channels_[i];
+            const int frames = i == 0 ? 1 : std::uniform_int_distribution<int>(1, 3000)(rng_);
             for (int f = 0; f < frames; ++f) {
-                take.left.push_back(value(rng_));
-                take.right.push_back(value(rng_));
+                left.push_back(value(rng_));
+                right.push_back(value(rng_));
             }
-            takes_.push_back(std::move(take));
+            takes_.push_back(sampleOf(left, i % 3 != 0 ? &right : nullptr));
         }
     }
 
@@ -80,7 +71,7 @@ private:
         command.tag = nextTag_++;
         for (int l = 0; l < 4; ++l) {
             if (chance(0.2)) continue; // an empty layer
-            command.layers[l] = takes_[std::uniform_int_distribution<std::size_t>(0, takes_.size() - 1)(rng_)].sample();
+            command.layers[l] = takes_[std::uniform_int_distribution<std::size_t>(0, takes_.size() - 1)(rng_)];
             command.weights[l] = weight();
         }
         const double panKind = uniform();
@@ -96,7 +87,8 @@ private:
     }
 
     std::mt19937 rng_;
-    std::vector<Take> takes_;
+    std::vector<std::pair<std::vector<float>, std::vector<float>>> channels_;
+    std::vector<TBSample> takes_;
     std::uint32_t nextTag_ = 1;
 };
 
