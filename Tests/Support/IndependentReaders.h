@@ -19,7 +19,7 @@
 
 #include <sys/wait.h>
 
-namespace tobrin::testing {
+namespace tobrin::test {
 
 struct SndfileContents {
     int channels = 0;
@@ -130,4 +130,9 @@ inline std::map<std::string, SoxInfo> soxInfo(const std::vector<std::filesystem:
     return reports;
 }
 
-} // namespace tobrin::testing
+} // namespace tobrin::test
+
+// The suites that still say tobrin::testing, until they move to the one name.
+namespace tobrin {
+namespace testing = test;
+} // namespace tobrin
