@@ -10,14 +10,12 @@
 namespace tobrin::test {
 namespace {
 
-// Command i starts a one-frame voice whose only sample is value(i): exact
-// multiples of 2^-16, so sums of up to 32 of them are exact in float.
-float value(std::uint64_t i) { return float((i * 2654435761u) % 251 + 1) * 0x1.0p-16f; }
-
 TEST(MixerConcurrency, EveryAcceptedCommandIsAppliedOnceAndInOrder) {
+    // Command i starts a one-frame voice whose only sample is values[i]: exact
+    // multiples of 2^-16, so sums of up to 32 of them are exact in float.
     constexpr std::uint32_t total = 100000;
     std::vector<float> values(total);
-    for (std::uint32_t i = 0; i < total; ++i) values[i] = value(i);
+    for (std::uint32_t i = 0; i < total; ++i) values[i] = float((i * 2654435761u) % 251 + 1) * 0x1.0p-16f;
 
     auto mixer = makeMixer();
     std::atomic<bool> producerDone{false};
@@ -25,12 +23,7 @@ TEST(MixerConcurrency, EveryAcceptedCommandIsAppliedOnceAndInOrder) {
 
     std::thread producer([&] {
         for (std::uint32_t i = 0; i < total;) {
-            TBCommand command{};
-            command.type = TB_COMMAND_START;
-            command.tag = i + 1;
-            command.layers[0] = TBSample{&values[i], nullptr, 1};
-            command.weights[0] = 1;
-            command.rate = 1;
+            const TBCommand command = startCommand(i + 1, {TBSample{&values[i], nullptr, 1}}, {1});
             if (tb_mixer_push(mixer.get(), &command)) {
                 ++i;
             } else {
@@ -45,8 +38,7 @@ TEST(MixerConcurrency, EveryAcceptedCommandIsAppliedOnceAndInOrder) {
     // 32 starts, the earlier ones are stolen by the later ones before a frame is
     // mixed, so the frame is the sum of the last min(run, 32) values — which
     // holds only if every command arrives intact, once, and in order.
-    std::uint64_t applied = 0;
-    std::uint64_t mismatches = 0;
+    std::uint64_t applied = 0, mismatches = 0;
     float frame = 0;
     while (applied < total) {
         const bool finished = producerDone.load();
@@ -79,11 +71,12 @@ TEST(MixerConcurrency, MasterAndCountersMayBeReadWhileRendering) {
         const TBCommand start = startCommand(std::uint32_t(i + 1), {sampleOf(take)}, {1});
         tb_mixer_push(mixer.get(), &start);
         tb_mixer_set_master(mixer.get(), float(i % 5));
-        EXPECT_LE(tb_mixer_active_voices(mixer.get()), 32u);
+        // Read while the renderer writes: the thread sanitizer reports a race.
+        (void)tb_mixer_get_master(mixer.get());
+        (void)tb_mixer_active_voices(mixer.get());
         const std::uint64_t frames = tb_mixer_rendered_frames(mixer.get());
         EXPECT_GE(frames, lastFrames);
         lastFrames = frames;
-        EXPECT_LE(tb_mixer_get_master(mixer.get()), 4.0f);
     }
     stop.store(true);
     renderer.join();

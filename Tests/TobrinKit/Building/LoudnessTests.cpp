@@ -2,6 +2,8 @@
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Synth/KeySynth.h"
 
+#include "Support/SoundFiles.h"
+
 #include <ebur128.h>
 #include <gtest/gtest.h>
 
@@ -47,27 +49,6 @@ std::vector<float> noise(std::size_t frames, double level, std::uint64_t seed) {
     return out;
 }
 
-std::vector<float> tone(std::size_t frames, double frequency, double level) {
-    std::vector<float> out(frames);
-    for (std::size_t i = 0; i < frames; ++i) {
-        out[i] = float(level * std::sin(2.0 * std::numbers::pi * frequency * double(i) / rate));
-    }
-    return out;
-}
-
-// Decaying clicks every `spacing` frames, like keystrokes.
-std::vector<float> clicks(std::size_t frames, std::size_t spacing, double level) {
-    std::vector<float> out(frames, 0.0f);
-    SplitMix64 rng(7);
-    for (std::size_t start = 0; start < frames; start += spacing) {
-        double gain = level;
-        for (std::size_t i = start; i < std::min(frames, start + 600); ++i, gain *= 0.99) {
-            out[i] = float(gain * rng.signedUnit());
-        }
-    }
-    return out;
-}
-
 // `frames` of silence with `sound` placed at `at` (from the end when negative).
 std::vector<float> placed(std::size_t frames, const std::vector<float>& sound, std::ptrdiff_t at) {
     std::vector<float> out(frames, 0.0f);
@@ -102,11 +83,9 @@ TEST(Loudness, AgreesWithLibebur128WithinFiveHundredthsOfALoudnessUnit) {
         {"stereo noise 10 s", {noise(480000, 0.5, 2), noise(480000, 0.2, 3)}},
         {"one block of noise", {noise(19200, 1.0, 4)}},
         {"stereo noise 0.53 s", {noise(25500, 0.3, 5), noise(25500, 0.3, 6)}},
-        {"1 kHz tone 5 s", {tone(240000, 1000, 0.25)}},
-        {"60 Hz tone stereo", {tone(96000, 60, 0.8), tone(96000, 60, 0.8)}},
-        {"12 kHz tone", {tone(96000, 12000, 0.1)}},
-        {"clicks 8 s", {clicks(384000, 7000, 0.9)}},
-        {"sparse clicks stereo", {clicks(192000, 30000, 0.9), clicks(192000, 45000, 0.5)}},
+        {"1 kHz tone 5 s", {test::sine(240000, 1000, rate, 0.25)}},
+        {"60 Hz tone stereo", {test::sine(96000, 60, rate, 0.8), test::sine(96000, 60, rate, 0.8)}},
+        {"12 kHz tone", {test::sine(96000, 12000, rate, 0.1)}},
         {"loud then quiet (relative gate)", {loudThenQuiet}},
         {"quiet then silence (absolute gate)", {quietThenSilence}},
         {"one loud block in silence passes its own relative gate", {placed(144000, noise(19200, 0.5, 15), 48000)}},
@@ -152,7 +131,7 @@ TEST(LoudnessMeter, PiecesOfAnyLengthGiveTheWholeSignalsResultToTheBit) {
 
 TEST(Loudness, ReadsAFullScaleKilohertzSineInOneChannelAsMinusThreeLUFS) {
     // The calibration point of the standard.
-    EXPECT_NEAR(Signal{tone(480000, 997, 1.0)}.loudness(), -3.01, 0.05);
+    EXPECT_NEAR(Signal{test::sine(480000, 997, rate, 1.0)}.loudness(), -3.01, 0.05);
 }
 
 TEST(Loudness, ReturnsTheFloorOnlyWhenNoBlockPassesTheRelativeGate) {
