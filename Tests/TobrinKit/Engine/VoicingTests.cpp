@@ -62,8 +62,8 @@ TEST(VoicingPan, MapsColumnsAcrossTheSpatialWidth) {
     }
     EngineSettings settings;
     settings.spatial = 0.5f;
-    EXPECT_NEAR(Voicing::pan(KeyCode::escape, settings), (0.5 / 15 - 0.5) * 2 * 0.5 * 0.6, 1e-6);
-    EXPECT_EQ(Voicing::pan(KeyCode::keypadEnter, settings), 0.0f); // no column
+    EXPECT_NEAR(Voicing::pan(KeyCode::escape, settings), -0.28f, 1e-6); // column 0.5 of 15
+    EXPECT_EQ(Voicing::pan(KeyCode::keypadEnter, settings), 0.0f);      // no column
 }
 
 TEST(VoicingWeights, ScaleTierWeightsByLayerGainEdgeGainAndStrokeGain) {
