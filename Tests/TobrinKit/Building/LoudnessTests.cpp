@@ -1,6 +1,5 @@
 #include "TobrinKit/Building/Loudness.h"
 #include "TobrinKit/Engine/Core/SplitMix64.h"
-#include "TobrinKit/Synth/KeySynth.h"
 
 #include "Support/SoundFiles.h"
 
@@ -56,26 +55,15 @@ std::vector<float> placed(std::size_t frames, const std::vector<float>& sound, s
     return out;
 }
 
-// A typing passage: takes of the synthesized packs, 110 ms apart.
-Signal keystrokes() {
-    Signal signal{std::vector<float>(144000), std::vector<float>(144000)};
-    const std::array<std::optional<Tier>, 5> tiers = {Tier::soft, Tier::medium, Tier::hard, Tier::slam, std::nullopt};
-    for (std::uint32_t k = 0; k < 12; ++k) {
-        const auto sound =
-            KeySynth::render(allKeyGroups[k % 5], tiers[k % 5], k % 2, SynthProfile::starterPacks()[k % 5]);
-        for (std::size_t i = 0; i < sound.left.size() && k * 5280 + i < 144000; ++i) {
-            signal.left[k * 5280 + i] += sound.left[i];
-            signal.right[k * 5280 + i] += sound.right[i];
-        }
-    }
-    return signal;
-}
-
 TEST(Loudness, AgreesWithLibebur128WithinFiveHundredthsOfALoudnessUnit) {
-    const auto returnTake = KeySynth::render(KeyGroup::enter, Tier::hard, 0, SynthProfile::typewriter());
-    auto loudThenQuiet = noise(96000, 0.5, 8), quietThenSilence = noise(96000, 0.002, 10);
-    const auto quiet = noise(384000, 0.01, 9);
-    loudThenQuiet.insert(loudThenQuiet.end(), quiet.begin(), quiet.end());
+    // 2 s of loud noise, then 8 s 34 LU down (below the relative gate), or
+    // 4 s 9 LU and 4 s 11 LU down (one on each side of it).
+    auto loudThenQuiet = noise(96000, 0.5, 8), loudThenLess = loudThenQuiet, quietThenSilence = noise(96000, 0.002, 10);
+    for (const auto& [signal, level, seconds, seed] :
+         {std::tuple{&loudThenQuiet, 0.01, 8, 9}, {&loudThenLess, 0.083, 4, 18}, {&loudThenLess, 0.066, 4, 19}}) {
+        const auto more = noise(std::size_t(seconds) * 48000, level, std::uint64_t(seed));
+        signal->insert(signal->end(), more.begin(), more.end());
+    }
     quietThenSilence.resize(296000);
     const auto burst = noise(1000, 0.5, 13);
     const std::vector<std::pair<std::string, Signal>> cases = {
@@ -87,10 +75,9 @@ TEST(Loudness, AgreesWithLibebur128WithinFiveHundredthsOfALoudnessUnit) {
         {"60 Hz tone stereo", {test::sine(96000, 60, rate, 0.8), test::sine(96000, 60, rate, 0.8)}},
         {"12 kHz tone", {test::sine(96000, 12000, rate, 0.1)}},
         {"loud then quiet (relative gate)", {loudThenQuiet}},
+        {"loud, then 9 and 11 LU down (relative gate)", {loudThenLess}},
         {"quiet then silence (absolute gate)", {quietThenSilence}},
         {"one loud block in silence passes its own relative gate", {placed(144000, noise(19200, 0.5, 15), 48000)}},
-        {"rendered keystrokes", keystrokes()},
-        {"the typewriter's Return, longer than a block", {returnTake.left, returnTake.right}},
         // Blocks start every 4,800 frames and count only when they end inside.
         {"sound in the last 100 ms", {placed(48000, burst, -1000)}},
         {"sound after the last whole block", {placed(48000 + 4799, burst, -1000)}},
