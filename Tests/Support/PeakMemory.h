@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace tobrin::testing {
+namespace tobrin::test {
 
 struct MeasuredRun {
     int exitStatus = -1;
@@ -33,4 +33,4 @@ inline MeasuredRun runMeasured(const std::string& command) {
     return run;
 }
 
-} // namespace tobrin::testing
+} // namespace tobrin::test

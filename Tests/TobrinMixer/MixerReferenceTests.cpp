@@ -218,20 +218,14 @@ TEST_P(MixerReference, OutputIsFiniteAndWithinFullScaleWhateverTheVoicesCarry) {
     for (const Case& test : cases) {
         for (const bool stereo : {true, false}) {
             SCOPED_TRACE(testing::Message() << test.name << (stereo ? ", stereo" : ", mono"));
-            auto mixer = makeMixer(48000, 4, GetParam());
-            ReferenceMixer reference(48000, 4);
-            tb_mixer_push(mixer.get(), &test.start);
-            reference.push(test.start);
-            std::vector<float> left(128), right(128), refLeft(128), refRight(128);
-            tb_mixer_render(mixer.get(), left.data(), stereo ? right.data() : nullptr, 128);
-            reference.render(refLeft.data(), stereo ? refRight.data() : nullptr, 128);
-            for (std::size_t i = 0; i < left.size(); ++i) {
-                for (const float sample : {left[i], right[i]}) {
+            MixerAndReference both(4, GetParam());
+            both.push(test.start);
+            ASSERT_TRUE(both.render(128, stereo));
+            for (std::size_t i = 0; i < 128; ++i) {
+                for (const float sample : {both.left[i], both.right[i]}) {
                     ASSERT_TRUE(std::isfinite(sample) && std::fabs(sample) <= 1.0f) << sample << " at frame " << i;
                 }
             }
-            EXPECT_EQ(std::memcmp(left.data(), refLeft.data(), sizeof(float) * left.size()), 0);
-            EXPECT_EQ(std::memcmp(right.data(), refRight.data(), sizeof(float) * right.size()), 0);
         }
     }
 }
