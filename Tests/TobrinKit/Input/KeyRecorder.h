@@ -1,0 +1,69 @@
+#pragma once
+// Collects what a key monitor hands its handler, for tests to wait on.
+
+#include "TobrinKit/Engine/Core/KeyEvent.h"
+
+#include "Support/Eventually.h"
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tobrin::test {
+
+// A key event without its time, for comparing sequences.
+using KeyStep = std::pair<std::uint16_t, KeyAction>;
+
+inline KeyStep down(std::uint16_t code) { return {code, KeyAction::down}; }
+inline KeyStep up(std::uint16_t code) { return {code, KeyAction::up}; }
+
+class KeyRecorder {
+public:
+    std::function<void(const KeyEvent&)> handler() {
+        return [this](const KeyEvent& event) {
+            char name[16] = {};
+            pthread_getname_np(pthread_self(), name, sizeof name);
+            std::lock_guard guard(lock_);
+            events_.push_back(event);
+            threadName_ = name;
+        };
+    }
+
+    std::vector<KeyEvent> events() const {
+        std::lock_guard guard(lock_);
+        return events_;
+    }
+    std::vector<KeyStep> steps() const {
+        std::vector<KeyStep> steps;
+        for (const auto& event : events()) steps.emplace_back(event.code, event.action);
+        return steps;
+    }
+    std::size_t count() const {
+        std::lock_guard guard(lock_);
+        return events_.size();
+    }
+    // The thread the handler last ran on.
+    std::string threadName() const {
+        std::lock_guard guard(lock_);
+        return threadName_;
+    }
+    bool waitForCount(std::size_t count) const {
+        return eventually([&] { return this->count() >= count; });
+    }
+    void clear() {
+        std::lock_guard guard(lock_);
+        events_.clear();
+    }
+
+private:
+    mutable std::mutex lock_;
+    std::vector<KeyEvent> events_;
+    std::string threadName_;
+};
+
+} // namespace tobrin::test
