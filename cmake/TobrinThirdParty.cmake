@@ -7,6 +7,8 @@ pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET GLOBAL sndfile)
 pkg_check_modules(SOXR REQUIRED IMPORTED_TARGET GLOBAL soxr)
 # Collation and case mapping that follow Unicode and the user's locale.
 pkg_check_modules(ICU REQUIRED IMPORTED_TARGET GLOBAL icu-uc icu-i18n)
+# The evdev keyboards, found and followed with libudev.
+pkg_check_modules(UDEV REQUIRED IMPORTED_TARGET GLOBAL libudev)
 if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   # The independent loudness meter the tests and benchmarks compare against.
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)

@@ -1,0 +1,99 @@
+#pragma once
+// Keyboards made of pipes, for the evdev key source: no keyboard device exists
+// on the test machines, but the source reads any descriptor. Each keyboard is
+// a pipe whose write end the test holds; writing input_event records into it
+// is typing, closing it is unplugging. Keyboards added after the source
+// opened arrive the way udev announces new ones.
+
+#include "TobrinKit/Input/EvdevKeySource.h"
+
+#include <linux/input.h>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tobrin::test {
+
+class PipeKeyboards {
+public:
+    PipeKeyboards() : announce_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~PipeKeyboards() {
+        for (int fd : writeEnds_) ::close(fd);
+        for (int fd : pending_) ::close(fd);
+        ::close(announce_);
+    }
+
+    // Plugs a keyboard in; returns its number for type() and unplug().
+    std::size_t plugIn() {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+        std::lock_guard guard(lock_);
+        writeEnds_.push_back(ends[1]);
+        pending_.push_back(ends[0]);
+        const std::uint64_t one = 1;
+        [[maybe_unused]] auto written = ::write(announce_, &one, sizeof one);
+        return writeEnds_.size() - 1;
+    }
+
+    void unplug(std::size_t keyboard) {
+        ::close(writeEnds_.at(keyboard));
+        writeEnds_.at(keyboard) = -1;
+    }
+
+    // Writes raw records (for SYN_DROPPED and split records).
+    void write(std::size_t keyboard, const void* bytes, std::size_t size) {
+        if (::write(writeEnds_.at(keyboard), bytes, size) != ssize_t(size)) throw std::runtime_error("write failed");
+    }
+    void record(std::size_t keyboard, std::uint16_t type, std::uint16_t code, std::int32_t value) {
+        input_event event{};
+        event.type = type;
+        event.code = code;
+        event.value = value;
+        write(keyboard, &event, sizeof event);
+    }
+    // A key record and the report that ends it, as a keyboard sends them.
+    void key(std::size_t keyboard, std::uint16_t code, std::int32_t value) {
+        record(keyboard, EV_KEY, code, value);
+        record(keyboard, EV_SYN, SYN_REPORT, 0);
+    }
+
+    // The watch the source owns; this object must outlive it.
+    std::unique_ptr<KeyboardWatch> watch() { return std::make_unique<Watch>(*this); }
+
+private:
+    class Watch final : public KeyboardWatch {
+    public:
+        explicit Watch(PipeKeyboards& owner) : owner_(owner) {}
+        bool open(std::vector<int>& keyboards, std::string&) override {
+            arrived(keyboards);
+            return true;
+        }
+        int fd() const override { return owner_.announce_; }
+        void arrived(std::vector<int>& keyboards) override {
+            std::uint64_t count;
+            [[maybe_unused]] auto read = ::read(owner_.announce_, &count, sizeof count);
+            std::lock_guard guard(owner_.lock_);
+            keyboards.insert(keyboards.end(), owner_.pending_.begin(), owner_.pending_.end());
+            owner_.pending_.clear();
+        }
+        void close() override {}
+
+    private:
+        PipeKeyboards& owner_;
+    };
+
+    std::mutex lock_;
+    std::vector<int> writeEnds_;
+    std::vector<int> pending_; // read ends not yet handed to the source
+    int announce_;
+};
+
+} // namespace tobrin::test
