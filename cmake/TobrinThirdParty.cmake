@@ -8,10 +8,15 @@ pkg_check_modules(SOXR REQUIRED IMPORTED_TARGET GLOBAL soxr)
 # Collation and case mapping that follow Unicode and the user's locale.
 pkg_check_modules(ICU REQUIRED IMPORTED_TARGET GLOBAL icu-uc icu-i18n)
 # The evdev keyboards, found and followed with libudev.
+# Key capture and the global shortcut: XCB with XInput 2 and XKB (X11), libudev
+# (evdev keyboards).
+pkg_check_modules(XCB REQUIRED IMPORTED_TARGET GLOBAL xcb xcb-xinput xcb-xkb)
 pkg_check_modules(UDEV REQUIRED IMPORTED_TARGET GLOBAL libudev)
 if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   # The independent loudness meter the tests and benchmarks compare against.
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)
+  # Keys typed into a private X server.
+  pkg_check_modules(XCB_XTEST REQUIRED IMPORTED_TARGET GLOBAL xcb-xtest)
 endif()
 
 # Standalone Asio is header-only. Its configuration travels with this target:
