@@ -7,11 +7,12 @@ pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET GLOBAL sndfile)
 pkg_check_modules(SOXR REQUIRED IMPORTED_TARGET GLOBAL soxr)
 # Collation and case mapping that follow Unicode and the user's locale.
 pkg_check_modules(ICU REQUIRED IMPORTED_TARGET GLOBAL icu-uc icu-i18n)
-# The evdev keyboards, found and followed with libudev.
 # Key capture and the global shortcut: XCB with XInput 2 and XKB (X11), libudev
-# (evdev keyboards).
+# (evdev keyboards), libxkbcommon (layouts) and GIO (GNOME's shortcut settings).
 pkg_check_modules(XCB REQUIRED IMPORTED_TARGET GLOBAL xcb xcb-xinput xcb-xkb)
+pkg_check_modules(XKBCOMMON REQUIRED IMPORTED_TARGET GLOBAL xkbcommon xkbcommon-x11)
 pkg_check_modules(UDEV REQUIRED IMPORTED_TARGET GLOBAL libudev)
+pkg_check_modules(GIO REQUIRED IMPORTED_TARGET GLOBAL gio-2.0)
 if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   # The independent loudness meter the tests and benchmarks compare against.
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)
