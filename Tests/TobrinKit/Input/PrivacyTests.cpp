@@ -1,0 +1,111 @@
+// Key codes go from the source to the handler and nowhere else. A process
+// that runs the key monitor while 1200 key events are typed is traced with
+// strace: every write, send, connect and file opened for writing is seen.
+#include "Support/PrivateXServer.h"
+
+#include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace tobrin {
+namespace {
+
+// One line of the child's standard output, or "" after `seconds`.
+std::string readLine(int fd, int seconds) {
+    std::string line;
+    char c;
+    pollfd polled{fd, POLLIN, 0};
+    while (::poll(&polled, 1, seconds * 1000) == 1 && ::read(fd, &c, 1) == 1) {
+        line += c;
+        if (c == '\n') break;
+    }
+    return line;
+}
+
+TEST(Privacy, NoKeyCodeLeavesTheMonitorsProcess) {
+    test::PrivateXServer server;
+    const auto folder = std::filesystem::temp_directory_path() / ("tobrin-privacy-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder);
+    const auto trace = folder / "trace", errors = folder / "stderr";
+    constexpr int taps = 600;
+
+    int out[2];
+    ASSERT_EQ(::pipe(out), 0);
+    std::vector<std::string> words = {
+        "strace", "-f", "-qq", "-s", "64", "-o", trace.string(),
+        "-e", "trace=write,writev,pwrite64,pwritev,pwritev2,send,sendto,sendmsg,sendmmsg,open,openat,creat,"
+              "connect,rename,renameat,renameat2,truncate,ftruncate",
+        TOBRIN_KEY_PRIVACY_PROBE, server.display(), std::to_string(2 * taps)};
+    std::vector<char*> argv;
+    for (auto& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_addclose(&actions, out[0]);
+    posix_spawn_file_actions_addopen(&actions, 2, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t child = -1;
+    ASSERT_EQ(posix_spawnp(&child, "strace", &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+
+    std::string output = readLine(out[0], 30);
+    ASSERT_EQ(output, "ready\n");
+    test::FakeKeyboard keyboard(server.display());
+    const std::uint16_t keys[] = {KEY_P, KEY_A, KEY_S, KEY_W, KEY_O, KEY_R, KEY_D, KEY_1, KEY_ENTER, KEY_LEFTSHIFT};
+    for (int i = 0; i < taps; ++i) keyboard.tap(keys[i % std::size(keys)]);
+    output += readLine(out[0], 60);
+    ::close(out[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+    // Standard output holds the two lines the probe writes itself, standard
+    // error nothing.
+    EXPECT_EQ(output, "ready\ndone " + std::to_string(2 * taps) + "\n");
+    EXPECT_EQ(std::filesystem::file_size(errors), 0u);
+
+    std::ifstream in(trace);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    const std::regex writing(R"(\b(open|openat)\(.*O_(WRONLY|RDWR|CREAT|TRUNC|APPEND))");
+    const std::regex changing(R"(\b(creat|rename|renameat|renameat2|truncate|ftruncate)\()");
+    const std::regex connecting(R"(\bconnect\()");
+    const std::regex xServer("/tmp/\\.X11-unix/X" + server.display().substr(1) + "\"");
+    const std::regex sending(R"(\b(write|writev|pwrite64|pwritev|pwritev2|send|sendto|sendmsg|sendmmsg)\()");
+    const std::regex wakeUp(R"(\bwrite\(\d+, "\\1\\0\\0\\0\\0\\0\\0\\0", 8)");
+    // Every line that could carry what was typed out of the process.
+    std::vector<std::string> leaks;
+    bool listening = false, traced = false;
+    for (const auto& line : lines) {
+        if (std::regex_search(line, writing) || std::regex_search(line, changing) ||
+            (std::regex_search(line, connecting) && !std::regex_search(line, xServer)))
+            leaks.push_back(line);
+        if (line.find("write(1, \"ready\\n\"") != std::string::npos) {
+            listening = true;
+            continue;
+        }
+        if (line.find("write(1, \"done ") != std::string::npos) {
+            listening = false;
+            traced = true;
+        }
+        // While keys are typed, nothing leaves but the stop's wake-up.
+        if (listening && std::regex_search(line, sending) && !std::regex_search(line, wakeUp)) leaks.push_back(line);
+    }
+    EXPECT_EQ(leaks, std::vector<std::string>{});
+    EXPECT_TRUE(traced) << "the trace missed the end of the run";
+    std::filesystem::remove_all(folder);
+}
+
+} // namespace
+} // namespace tobrin
