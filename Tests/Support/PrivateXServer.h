@@ -29,8 +29,8 @@ public:
     explicit PrivateXServer(std::vector<std::string> extra = {}) {
         int ready[2];
         if (::pipe(ready) != 0) throw std::runtime_error("pipe failed");
-        std::vector<std::string> words = {"Xvfb", "-displayfd", std::to_string(ready[1]), "-nolisten", "tcp",
-                                          "-screen", "0", "64x64x24"};
+        std::vector<std::string> words = {"Xvfb", "-displayfd", std::to_string(ready[1]), "-nolisten", "tcp", "-screen",
+                                          "0",    "64x64x24"};
         words.insert(words.end(), extra.begin(), extra.end());
         std::vector<char*> argv;
         for (auto& word : words) argv.push_back(word.data());

@@ -47,8 +47,14 @@ void EvdevReader::handle(const input_event& event, KeyStream& stream, std::uint6
     }
     if (dropping_ || event.type != EV_KEY || event.code >= LinuxKeyCode::count) return;
     switch (event.value) {
-    case 0: held_.reset(event.code); stream.deliver(event.code, KeyValue::release, time); break;
-    case 1: held_.set(event.code); stream.deliver(event.code, KeyValue::press, time); break;
+    case 0:
+        held_.reset(event.code);
+        stream.deliver(event.code, KeyValue::release, time);
+        break;
+    case 1:
+        held_.set(event.code);
+        stream.deliver(event.code, KeyValue::press, time);
+        break;
     default: break; // 2: autorepeat
     }
 }

@@ -41,8 +41,7 @@ std::string GlobalHotkey::Status::message(const Hotkey::KeyNamer& keyName) const
     return "";
 }
 
-GlobalHotkey::GlobalHotkey(KeyMonitor& monitor, std::function<void()> action, Executor runOn,
-                           ReservedCheck isReserved)
+GlobalHotkey::GlobalHotkey(KeyMonitor& monitor, std::function<void()> action, Executor runOn, ReservedCheck isReserved)
     : monitor_(monitor), isReserved_(std::move(isReserved)), firing_(std::make_shared<Firing>()) {
     firing_->action = std::move(action);
     firing_->runOn = std::move(runOn);

@@ -53,8 +53,7 @@ public:
 
     // `monitor` must outlive this object. An empty `isReserved` treats nothing
     // as reserved.
-    GlobalHotkey(KeyMonitor& monitor, std::function<void()> action, Executor runOn = {},
-                 ReservedCheck isReserved = {});
+    GlobalHotkey(KeyMonitor& monitor, std::function<void()> action, Executor runOn = {}, ReservedCheck isReserved = {});
     ~GlobalHotkey();
 
     GlobalHotkey(const GlobalHotkey&) = delete;

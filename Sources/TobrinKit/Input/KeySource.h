@@ -53,7 +53,7 @@ public:
 struct ShortcutGrabResult {
     enum class Kind { active, taken, failed };
     Kind kind = Kind::failed;
-    std::int32_t error = 0;            // the platform's code, for `failed`
+    std::int32_t error = 0;             // the platform's code, for `failed`
     std::unique_ptr<ShortcutGrab> grab; // held while `active`
 };
 

@@ -81,8 +81,8 @@ TEST_F(KdeShortcutsTest, ACombinationInTheGlobalShortcutsFileIsReserved) {
                                            "[services][org.kde.konsole.desktop]\n"
                                            "_launch=Ctrl+Alt+T,none,Konsole\n";
     ASSERT_TRUE(us);
-    EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{118, alt}, desktop, us));   // F4
-    EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{37, super}, desktop, us));  // L
+    EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{118, alt}, desktop, us));       // F4
+    EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{37, super}, desktop, us));      // L
     EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{17, ctrl | alt}, desktop, us)); // T
     EXPECT_FALSE(DesktopShortcuts::isReserved(Hotkey{}, desktop, us));
     EXPECT_FALSE(DesktopShortcuts::isReserved(Hotkey{118, alt}, desktop, std::nullopt));
@@ -104,8 +104,8 @@ TEST(KeyboardLayout, NamesKeysAndFindsTheKeyThatTypesASymbol) {
     EXPECT_EQ(us->keyName(0), "a");
     EXPECT_EQ(french->keyName(0), "q");
     EXPECT_EQ(french->keyName(18), "&");
-    EXPECT_EQ(us->keyName(36), std::nullopt);    // Return types a control character
-    EXPECT_EQ(us->keyName(200), std::nullopt);   // no key
+    EXPECT_EQ(us->keyName(36), std::nullopt);  // Return types a control character
+    EXPECT_EQ(us->keyName(200), std::nullopt); // no key
     EXPECT_EQ(us->keyName(0x10000), std::nullopt);
 
     EXPECT_EQ(us->keyCode("k"), 40);

@@ -79,7 +79,8 @@ TEST_F(EvdevKeySourceTest, DroppedRecordsNeverLeaveAKeyHeld) {
     keyboards.record(keyboard, EV_SYN, SYN_REPORT, 0);
     keyboards.key(keyboard, KEY_C, 0); // its press was lost: no up either
     keyboards.key(keyboard, KEY_D, 1);
-    EXPECT_TRUE(waitForSteps({down(0), down(11), up(0), up(11), down(2)})) << ::testing::PrintToString(recorder.steps());
+    EXPECT_TRUE(waitForSteps({down(0), down(11), up(0), up(11), down(2)}))
+        << ::testing::PrintToString(recorder.steps());
 }
 
 TEST_F(EvdevKeySourceTest, AKeyboardThatGoesAwayReleasesItsKeysTheOthersGoOnAndItIsHeardAgainWhenItReturns) {
@@ -163,15 +164,18 @@ TEST(KeySources, ChooseX11OutsideWaylandWhenADisplayAnswersEvdevOtherwiseOrWhatT
         const char* expected;
     };
     const Case cases[] = {
-        {true, "x11", nullptr, "", "x11"},       {true, "wayland", nullptr, "", "evdev"},
+        {true, "x11", nullptr, "", "x11"},         {true, "wayland", nullptr, "", "evdev"},
         {true, nullptr, "wayland-0", "", "evdev"}, {false, "tty", nullptr, "", "evdev"},
-        {true, "x11", nullptr, "evdev", "evdev"}, {false, "wayland", "wayland-0", "x11", "x11"},
+        {true, "x11", nullptr, "evdev", "evdev"},  {false, "wayland", "wayland-0", "x11", "x11"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.sessionType ? c.sessionType : "-") + " forced " + c.forced);
-        KeySourceFactory x11{"x11", [&] { return !KeySources::isWaylandSession(c.sessionType, c.waylandDisplay) &&
-                                                 c.displayAnswers; },
-                             {}, {}, {}};
+        KeySourceFactory x11{
+            "x11",
+            [&] { return !KeySources::isWaylandSession(c.sessionType, c.waylandDisplay) && c.displayAnswers; },
+            {},
+            {},
+            {}};
         KeySourceFactory evdev{"evdev", {}, {}, {}, {}};
         const auto chosen = KeySources::candidates({x11, evdev}, c.forced);
         ASSERT_FALSE(chosen.empty());

@@ -102,9 +102,11 @@ TEST_F(X11GlobalHotkeyTest, ACombinationBoundInGnomesSettingsIsReservedBySystem)
     DesktopShortcuts::Desktop gnome;
     gnome.gnome = true;
     const auto display = server.display();
-    GlobalHotkey hotkey(monitor, [] {}, {}, [&](const Hotkey& wanted) {
-        return DesktopShortcuts::isReserved(wanted, gnome, KeyboardLayout::fromX11(display));
-    });
+    GlobalHotkey hotkey(
+        monitor, [] {}, {},
+        [&](const Hotkey& wanted) {
+            return DesktopShortcuts::isReserved(wanted, gnome, KeyboardLayout::fromX11(display));
+        });
     EXPECT_EQ(hotkey.registerHotkey(Hotkey{}).kind, Kind::active);
 
     GSettings* settings = g_settings_new("org.gnome.desktop.wm.keybindings");
@@ -151,8 +153,7 @@ TEST(EvdevGlobalHotkey, IsMatchedInTheKeyStreamAndRunsOncePerPressWithoutSound) 
     ASSERT_TRUE(recorder.waitForCount(7));
     EXPECT_EQ(actions, 1);
     EXPECT_EQ(recorder.steps(), (std::vector<test::KeyStep>{test::down(59), test::down(58), test::down(55),
-                                                            test::up(59), test::up(58), test::up(55),
-                                                            test::down(0)}));
+                                                            test::up(59), test::up(58), test::up(55), test::down(0)}));
 }
 
 } // namespace

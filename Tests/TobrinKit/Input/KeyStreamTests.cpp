@@ -42,16 +42,19 @@ TEST_F(KeyStreamTest, TurnsRecordsIntoEngineKeyEvents) {
         std::vector<KeyStep> expected;
     };
     const Case cases[] = {
-        {"a held key repeats: one down, one up", {{KEY_A, press}, {KEY_A, repeat}, {KEY_A, press}, {KEY_A, release}},
+        {"a held key repeats: one down, one up",
+         {{KEY_A, press}, {KEY_A, repeat}, {KEY_A, press}, {KEY_A, release}},
          {down(0), up(0)}},
         {"releases of keys not held are ignored", {{KEY_B, release}, {KEY_LEFTSHIFT, release}}, {}},
         {"left and right Shift apart",
          {{KEY_LEFTSHIFT, press}, {KEY_RIGHTSHIFT, press}, {KEY_LEFTSHIFT, release}, {KEY_RIGHTSHIFT, release}},
          {down(56), down(60), up(56), up(60)}},
-        {"a held modifier repeats", {{KEY_LEFTCTRL, press}, {KEY_LEFTCTRL, press}, {KEY_LEFTCTRL, release}},
+        {"a held modifier repeats",
+         {{KEY_LEFTCTRL, press}, {KEY_LEFTCTRL, press}, {KEY_LEFTCTRL, release}},
          {down(59), up(59)}},
         {"Caps Lock is a key like any other", {{KEY_CAPSLOCK, press}, {KEY_CAPSLOCK, release}}, {down(57), up(57)}},
-        {"unmapped keys still sound", {{KEY_PAUSE, press}, {KEY_PAUSE, release}},
+        {"unmapped keys still sound",
+         {{KEY_PAUSE, press}, {KEY_PAUSE, release}},
          {down(LinuxKeyCode::unmappedBase + KEY_PAUSE), up(LinuxKeyCode::unmappedBase + KEY_PAUSE)}},
         {"codes past the table are dropped", {{LinuxKeyCode::count, press}}, {}},
     };
@@ -77,15 +80,15 @@ TEST_F(KeyStreamTest, ResetForgetsHeldKeysSoTheNextPressSounds) {
 TEST_F(KeyStreamTest, TheShortcutsKeyIsKeptFromTheHandlerAndRunsItsAction) {
     int pressed = 0;
     stream.setShortcut(Hotkey{}, [&] { ++pressed; }); // Ctrl+Alt+Super+K
-    const std::vector<Record> shortcut = {{KEY_RIGHTCTRL, press}, {KEY_LEFTALT, press}, {KEY_LEFTMETA, press},
-                                          {KEY_K, press},         {KEY_K, press},       {KEY_K, release},
+    const std::vector<Record> shortcut = {{KEY_RIGHTCTRL, press},  {KEY_LEFTALT, press},   {KEY_LEFTMETA, press},
+                                          {KEY_K, press},          {KEY_K, press},         {KEY_K, release},
                                           {KEY_LEFTMETA, release}, {KEY_LEFTALT, release}, {KEY_RIGHTCTRL, release}};
     EXPECT_EQ(play(shortcut), (std::vector<KeyStep>{down(62), down(58), down(55), up(55), up(58), up(62)}));
     EXPECT_EQ(pressed, 1);
 
     // With another modifier held too, or without the shortcut, K sounds.
-    const std::vector<Record> withShift = {{KEY_LEFTCTRL, press}, {KEY_LEFTALT, press}, {KEY_LEFTMETA, press},
-                                           {KEY_LEFTSHIFT, press}, {KEY_K, press},      {KEY_K, release}};
+    const std::vector<Record> withShift = {{KEY_LEFTCTRL, press},  {KEY_LEFTALT, press}, {KEY_LEFTMETA, press},
+                                           {KEY_LEFTSHIFT, press}, {KEY_K, press},       {KEY_K, release}};
     EXPECT_EQ(play(withShift).at(4), down(40));
     stream.reset();
     stream.setShortcut(std::nullopt, {});

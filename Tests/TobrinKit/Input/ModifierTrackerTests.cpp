@@ -34,15 +34,19 @@ TEST(ModifierTracker, CapsLockGivesADownEveryTimeAndNeverAnUp) {
 }
 
 TEST(ModifierTracker, UnknownKeysAndUnchangedStatesGiveNothing) {
-    play({{114, 0x2, std::nullopt}, {59, 0x1, down}, {59, 0x1, std::nullopt}, {62, 0x1, std::nullopt},
-          {59, 0x0, up}, {59, 0x0, std::nullopt}});
+    play({{114, 0x2, std::nullopt},
+          {59, 0x1, down},
+          {59, 0x1, std::nullopt},
+          {62, 0x1, std::nullopt},
+          {59, 0x0, up},
+          {59, 0x0, std::nullopt}});
 }
 
 TEST(ModifierTracker, NamesTheShortcutModifiersHeldOnEitherSide) {
     ModifierTracker tracker;
-    tracker.update(62, 0x2000);  // right Control
-    tracker.update(58, 0x2020);  // left Alt
-    tracker.update(54, 0x2030);  // right Super
+    tracker.update(62, 0x2000);   // right Control
+    tracker.update(58, 0x2020);   // left Alt
+    tracker.update(54, 0x2030);   // right Super
     tracker.update(63, 0x802030); // Fn is no shortcut modifier
     EXPECT_EQ(tracker.modifiers(), Modifiers{11});
     EXPECT_EQ(tracker.flags(), 0x802030u);

@@ -20,8 +20,10 @@ std::string lowerCased(std::string_view text) {
 // GNOME's keybinding schemas; each is read only when installed. The media
 // keys hold user-defined shortcuts under relocatable paths besides their own.
 constexpr const char* gnomeSchemas[] = {
-    "org.gnome.desktop.wm.keybindings", "org.gnome.shell.keybindings",
-    "org.gnome.mutter.keybindings",     "org.gnome.mutter.wayland.keybindings",
+    "org.gnome.desktop.wm.keybindings",
+    "org.gnome.shell.keybindings",
+    "org.gnome.mutter.keybindings",
+    "org.gnome.mutter.wayland.keybindings",
     "org.gnome.settings-daemon.plugins.media-keys",
 };
 constexpr const char* gnomeCustomSchema = "org.gnome.settings-daemon.plugins.media-keys.custom-keybinding";
@@ -98,10 +100,9 @@ std::vector<Binding> kdeBindings(const std::filesystem::path& file) {
 // Qt's key names where they differ from the X keysym names.
 std::string keysymNameOfQtKey(std::string_view name) {
     static const std::pair<const char*, const char*> renamed[] = {
-        {"Esc", "Escape"},       {"Backspace", "BackSpace"}, {"Del", "Delete"},   {"Ins", "Insert"},
-        {"PgUp", "Prior"},       {"PgDown", "Next"},         {"Enter", "KP_Enter"}, {"Space", "space"},
-        {"Backtab", "ISO_Left_Tab"}, {"CapsLock", "Caps_Lock"}, {"NumLock", "Num_Lock"},
-        {"ScrollLock", "Scroll_Lock"},
+        {"Esc", "Escape"},           {"Backspace", "BackSpace"}, {"Del", "Delete"},       {"Ins", "Insert"},
+        {"PgUp", "Prior"},           {"PgDown", "Next"},         {"Enter", "KP_Enter"},   {"Space", "space"},
+        {"Backtab", "ISO_Left_Tab"}, {"CapsLock", "Caps_Lock"},  {"NumLock", "Num_Lock"}, {"ScrollLock", "Scroll_Lock"},
     };
     for (const auto& [qt, keysym] : renamed)
         if (name == qt) return keysym;
@@ -180,8 +181,8 @@ Desktop Desktop::fromEnvironment() {
     const char* config = std::getenv("XDG_CONFIG_HOME");
     const char* home = std::getenv("HOME");
     const std::filesystem::path folder = config && *config ? std::filesystem::path(config)
-                                         : home               ? std::filesystem::path(home) / ".config"
-                                                              : std::filesystem::path();
+                                         : home            ? std::filesystem::path(home) / ".config"
+                                                           : std::filesystem::path();
     if (!folder.empty()) desktop.kdeShortcuts = folder / "kglobalshortcutsrc";
     return desktop;
 }

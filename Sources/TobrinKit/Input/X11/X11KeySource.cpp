@@ -45,10 +45,10 @@ bool X11KeySource::open(std::string& error) {
         return false;
     }
     const auto* extension = xcb_get_extension_data(connection_, &xcb_input_id);
-    const auto version = reply(
-        xcb_input_xi_query_version_reply(connection_, xcb_input_xi_query_version(connection_, 2, 2), nullptr));
-    if (!extension || !extension->present || !version ||
-        (version->major_version == 2 && version->minor_version < 1) || version->major_version < 2) {
+    const auto version =
+        reply(xcb_input_xi_query_version_reply(connection_, xcb_input_xi_query_version(connection_, 2, 2), nullptr));
+    if (!extension || !extension->present || !version || (version->major_version == 2 && version->minor_version < 1) ||
+        version->major_version < 2) {
         error = "the X server lacks XInput 2.1";
         return false;
     }
@@ -60,8 +60,8 @@ bool X11KeySource::open(std::string& error) {
     } mask = {{XCB_INPUT_DEVICE_ALL_MASTER, 1},
               XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE};
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
-    if (const auto failure =
-            reply(xcb_request_check(connection_, xcb_input_xi_select_events_checked(connection_, root, 1, &mask.head)))) {
+    if (const auto failure = reply(
+            xcb_request_check(connection_, xcb_input_xi_select_events_checked(connection_, root, 1, &mask.head)))) {
         error = "the X server refused raw key events";
         return false;
     }

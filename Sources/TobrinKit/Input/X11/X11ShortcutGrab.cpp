@@ -44,8 +44,8 @@ public:
     explicit ModifierMap(xcb_connection_t* connection) : setup_(xcb_get_setup(connection)) {
         const auto first = setup_->min_keycode;
         const auto count = std::uint8_t(setup_->max_keycode - first + 1);
-        keyboard_ = reply(xcb_get_keyboard_mapping_reply(
-            connection, xcb_get_keyboard_mapping(connection, first, count), nullptr));
+        keyboard_ = reply(
+            xcb_get_keyboard_mapping_reply(connection, xcb_get_keyboard_mapping(connection, first, count), nullptr));
         modifiers_ = reply(xcb_get_modifier_mapping_reply(connection, xcb_get_modifier_mapping(connection), nullptr));
     }
 

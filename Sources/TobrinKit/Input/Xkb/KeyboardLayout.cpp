@@ -56,8 +56,8 @@ std::optional<KeyboardLayout> KeyboardLayout::fromX11(const std::string& display
         xkb_x11_setup_xkb_extension(connection, XKB_X11_MIN_MAJOR_XKB_VERSION, XKB_X11_MIN_MINOR_XKB_VERSION,
                                     XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, nullptr, nullptr)) {
         const std::int32_t device = xkb_x11_get_core_keyboard_device_id(connection);
-        if (auto keymap = own(xkb_x11_keymap_new_from_device(context.get(), connection, device,
-                                                             XKB_KEYMAP_COMPILE_NO_FLAGS))) {
+        if (auto keymap =
+                own(xkb_x11_keymap_new_from_device(context.get(), connection, device, XKB_KEYMAP_COMPILE_NO_FLAGS))) {
             std::uint32_t group = 0;
             if (xkb_state* state = xkb_x11_state_new_from_device(keymap.get(), connection, device)) {
                 group = xkb_state_serialize_layout(state, XKB_STATE_LAYOUT_EFFECTIVE);
