@@ -30,3 +30,7 @@ add_library(Tobrin::Asio ALIAS TobrinAsio)
 target_include_directories(TobrinAsio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
 target_compile_definitions(TobrinAsio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_HAS_STD_ALIGNED_ALLOC=1)
 target_link_libraries(TobrinAsio INTERFACE Threads::Threads)
+
+# Sound servers, linked only by the audio backends' leaf targets.
+pkg_check_modules(PIPEWIRE REQUIRED IMPORTED_TARGET GLOBAL libpipewire-0.3)
+pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET GLOBAL libpulse)
