@@ -5,7 +5,7 @@
 // Thread contract:
 //   control side (AudioOutput, under its lock): the constructor, start, pause,
 //                                               isRunning, the destructor
-//   backend's own thread (real-time):           Callbacks::render
+//   backend's own thread (real-time):           Callbacks::render, underrun, section
 //   backend's own threads (any, not real-time): Callbacks::configurationChanged
 // A backend never calls render after pause() or its destructor has returned.
 
@@ -28,6 +28,16 @@ public:
         // The server restarted, the connection was lost or the default device
         // changed: the owner reconnects. Never called from inside render.
         void (*configurationChanged)(void* context) = nullptr;
+        // The server wanted a block the backend could not deliver in time (a
+        // missed cycle, an underflow). Called where it is noticed, often the
+        // real-time thread, so it only counts. May be null.
+        void (*underrun)(void* context) = nullptr;
+        // Optional: called on the render thread as the backend's real-time
+        // work for a block begins (true) and ends (false), around render and
+        // whatever the backend does with the server's buffer that it can keep
+        // real-time safe (each backend's header says what), so tests and
+        // measurements can watch it. May be null.
+        void (*section)(void* context, bool entering) = nullptr;
         void* context = nullptr;
     };
 

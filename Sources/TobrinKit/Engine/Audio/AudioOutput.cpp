@@ -1,9 +1,12 @@
 #include "TobrinKit/Engine/Audio/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/NullAudioBackend.h"
 
 #include <syslog.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace tobrin {
 namespace {
@@ -49,45 +52,67 @@ AudioOutput::~AudioOutput() {
 
 bool AudioOutput::start() {
     std::lock_guard guard(lock_);
+    wanted_ = true;
+    return connect();
+}
+
+std::size_t AudioOutput::rankOf(const std::string& name) const {
+    for (std::size_t rank = 0; rank < backends_.size(); ++rank)
+        if (backends_[rank].name == name) return rank;
+    return backends_.size();
+}
+
+bool AudioOutput::connect() {
     if (isRunning_ && backend_ && backend_->isRunning()) return true;
+    if (isRunning_ && backend_) backend_->pause(); // it stopped by itself
+    isRunning_ = false;
 
-    std::string error;
-    if (backend_) {
-        if (backend_->start(error)) {
-            isRunning_ = true;
-            return true;
-        }
-        // The old connection is unusable; choose and connect afresh.
-        logError("Tobrin: audio engine failed to start: " + backendName_ + ": " + error);
-        backend_.reset();
-        backendName_.clear();
-    }
-
+    // Why each backend tried did not start. Printed when a new connection is
+    // made or none can be, not when a paused one simply resumes.
+    std::vector<std::string> reasons;
+    const auto report = [&reasons] {
+        for (const auto& reason : reasons) logError("Tobrin: audio engine failed to start: " + reason);
+    };
     const AudioBackend::Format format{sampleRate, 2, bufferFrames};
-    const AudioBackend::Callbacks callbacks{&renderCallback, &configurationChangedCallback, this};
-    const auto candidates = AudioBackends::candidates(backends_, forced_);
-    if (candidates.empty()) {
-        logError(forced_.empty() ? "Tobrin: audio engine failed to start: no audio device"
-                                 : "Tobrin: audio engine failed to start: no audio backend named " + forced_);
-    }
-    for (const auto& candidate : candidates) {
+    const AudioBackend::Callbacks callbacks{&renderCallback, &configurationChangedCallback, &underrunCallback, nullptr,
+                                            this};
+    for (const auto& candidate : backends_) {
+        if (!forced_.empty() && candidate.name != forced_) continue;
+        std::string error;
+        if (backend_ && candidate.name == backendName_) {
+            if (backend_->start(error)) {
+                isRunning_ = true;
+                return true;
+            }
+            reasons.push_back(candidate.name + ": " + error);
+            backend_.reset();
+            backendName_.clear();
+            continue;
+        }
+        if (forced_.empty() && candidate.isReachable && !candidate.isReachable()) {
+            reasons.push_back(candidate.name + ": no server is running");
+            continue;
+        }
         auto backend = candidate.create ? candidate.create(format, callbacks) : nullptr;
-        error.clear();
         if (backend && backend->start(error)) {
-            backend_ = std::move(backend);
+            backend_ = std::move(backend); // a paused, less preferred one goes
             backendName_ = candidate.name;
             isRunning_ = true;
+            report();
+            if (!reasons.empty() && candidate.name == NullAudioBackend::name)
+                logError("Tobrin: no sound server could be used; sounds go to the null device");
             return true;
         }
-        if (!backend) error = "could not be created";
-        logError("Tobrin: audio engine failed to start: " + candidate.name + ": " + error);
+        reasons.push_back(candidate.name + ": " + (backend ? error : "could not be created"));
     }
-    isRunning_ = false;
+    if (reasons.empty()) reasons.push_back(forced_.empty() ? "no audio device" : "no audio backend named " + forced_);
+    report();
     return false;
 }
 
 void AudioOutput::pause() {
     std::lock_guard guard(lock_);
+    wanted_ = false;
     if (!isRunning_) return;
     if (backend_) backend_->pause();
     isRunning_ = false;
@@ -99,15 +124,65 @@ bool AudioOutput::isRunning() const {
 }
 
 void AudioOutput::handleConfigurationChange() {
-    bool wasRunning = false;
+    bool wanted = false;
+    std::size_t lostRank = 0;
     {
         std::lock_guard guard(lock_);
-        wasRunning = isRunning_;
+        wanted = wanted_;
+        lostRank = rankOf(backendName_);
         isRunning_ = false;
         backend_.reset();
         backendName_.clear();
     }
-    if (wasRunning) start();
+    if (!wanted) return;
+    start();
+    bool retry = false;
+    {
+        std::lock_guard guard(lock_);
+        // Fell back to a worse backend (or none): the lost server is likely
+        // restarting, so keep asking for it.
+        if (wanted_ && (!isRunning_ || rankOf(backendName_) > lostRank)) {
+            retryUpTo_ = lostRank;
+            retry = true;
+        }
+    }
+    if (retry) {
+        std::lock_guard guard(changeLock_);
+        retrying_ = true;
+    }
+}
+
+void AudioOutput::retryBetterBackends() {
+    bool done = false;
+    {
+        std::lock_guard guard(lock_);
+        const std::size_t current = isRunning_ ? rankOf(backendName_) : backends_.size();
+        done = !wanted_ || current <= retryUpTo_;
+        for (std::size_t rank = 0; !done && rank < current; ++rank) {
+            const auto& candidate = backends_[rank];
+            if (!forced_.empty() && candidate.name != forced_) continue;
+            if (candidate.isReachable && !candidate.isReachable()) continue;
+            // One consumer of the mixer at a time: the fallback pauses while
+            // the better backend tries, and resumes if it fails.
+            if (backend_ && isRunning_) backend_->pause();
+            const AudioBackend::Callbacks callbacks{&renderCallback, &configurationChangedCallback, &underrunCallback,
+                                                    nullptr, this};
+            auto backend = candidate.create ? candidate.create({sampleRate, 2, bufferFrames}, callbacks) : nullptr;
+            std::string error;
+            if (backend && backend->start(error)) {
+                backend_ = std::move(backend);
+                backendName_ = candidate.name;
+                isRunning_ = true;
+                done = rank <= retryUpTo_;
+                break;
+            }
+            if (backend_ && isRunning_) isRunning_ = backend_->start(error);
+        }
+    }
+    if (done) {
+        std::lock_guard guard(changeLock_);
+        retrying_ = false;
+    }
 }
 
 float AudioOutput::volume() const { return tb_mixer_get_master(mixer_); }
@@ -117,6 +192,7 @@ std::uint64_t AudioOutput::startedVoices() const { return tb_mixer_started_voice
 std::uint32_t AudioOutput::activeVoices() const { return tb_mixer_active_voices(mixer_); }
 std::uint64_t AudioOutput::renderedFrames() const { return tb_mixer_rendered_frames(mixer_); }
 std::uint64_t AudioOutput::droppedCommands() const { return tb_mixer_dropped_commands(mixer_); }
+std::uint64_t AudioOutput::underruns() const { return underruns_.load(std::memory_order_relaxed); }
 
 std::string AudioOutput::backendName() const {
     std::lock_guard guard(lock_);
@@ -144,14 +220,27 @@ void AudioOutput::configurationChangedCallback(void* context) {
     self->changeSignal_.notify_one();
 }
 
+void AudioOutput::underrunCallback(void* context) {
+    static_cast<AudioOutput*>(context)->underruns_.fetch_add(1, std::memory_order_relaxed);
+}
+
 void AudioOutput::watchConfiguration() {
+    constexpr auto retryInterval = std::chrono::milliseconds(250);
     std::unique_lock guard(changeLock_);
     for (;;) {
-        changeSignal_.wait(guard, [this] { return changePending_ || closing_; });
+        const auto woken = [this] { return changePending_ || closing_; };
+        if (retrying_)
+            changeSignal_.wait_for(guard, retryInterval, woken);
+        else
+            changeSignal_.wait(guard, woken);
         if (closing_) return;
-        changePending_ = false;
+        const bool changed = std::exchange(changePending_, false);
+        const bool retry = retrying_;
         guard.unlock();
-        handleConfigurationChange();
+        if (changed)
+            handleConfigurationChange();
+        else if (retry)
+            retryBetterBackends();
         guard.lock();
     }
 }
