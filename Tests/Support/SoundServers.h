@@ -1,0 +1,227 @@
+#pragma once
+// Real sound servers for tests: PrivateSoundServer starts a private PipeWire
+// (with WirePlumber and pipewire-pulse) or PulseAudio in a temporary folder
+// through Tests/Support/sound-servers and points this process at it;
+// SinkCapture records a sink's monitor from a separate process (parec), as a
+// listener would hear it. Both stop what they started by process id.
+//
+// A suite using it defines TOBRIN_SOUND_SERVERS_SCRIPT (the script's path).
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tobrin::test {
+
+enum class SoundServerKind { PipeWire, PulseAudio };
+
+inline const char* serverName(SoundServerKind kind) {
+    return kind == SoundServerKind::PipeWire ? "pipewire" : "pulseaudio";
+}
+
+// Runs a command through the shell; its standard output, or nothing when it
+// failed.
+inline std::optional<std::string> commandOutput(const std::string& command) {
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return std::nullopt;
+    std::string output;
+    std::array<char, 1024> chunk{};
+    std::size_t got = 0;
+    while ((got = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0) output.append(chunk.data(), got);
+    const int status = ::pclose(pipe);
+    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
+    return output;
+}
+
+class PrivateSoundServer {
+public:
+    static constexpr const char* defaultSink = "tobrin-test-sink";
+    static constexpr const char* secondSink = "tobrin-test-sink-2";
+
+    explicit PrivateSoundServer(SoundServerKind kind) : kind_(kind) {
+        char folder[] = "/tmp/tobrin-sound-XXXXXX";
+        if (!::mkdtemp(folder)) throw std::runtime_error("no temporary folder for the sound server");
+        folder_ = folder;
+        if (!start()) {
+            stop();
+            throw std::runtime_error(std::string("the private ") + serverName(kind) + " did not start");
+        }
+    }
+
+    ~PrivateSoundServer() {
+        stop();
+        for (const auto& [name, value] : saved_) {
+            if (value)
+                ::setenv(name.c_str(), value->c_str(), 1);
+            else
+                ::unsetenv(name.c_str());
+        }
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
+
+    PrivateSoundServer(const PrivateSoundServer&) = delete;
+    PrivateSoundServer& operator=(const PrivateSoundServer&) = delete;
+
+    // Starts the servers (again, after crash()) and points this process's
+    // environment at them.
+    bool start() {
+        const auto output = script("start " + std::string(serverName(kind_)) + " '" + folder_.string() + "'");
+        if (!output) return false;
+        std::size_t from = 0;
+        while (from < output->size()) {
+            const std::size_t end = std::min(output->find('\n', from), output->size());
+            const std::string line = output->substr(from, end - from);
+            from = end + 1;
+            const std::size_t equals = line.find('=');
+            if (equals == std::string::npos) continue;
+            const std::string name = line.substr(0, equals);
+            if (!saved_.count(name)) {
+                const char* old = std::getenv(name.c_str());
+                saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+            }
+            ::setenv(name.c_str(), line.substr(equals + 1).c_str(), 1);
+        }
+        ::unsetenv("PIPEWIRE_REMOTE");
+        return true;
+    }
+
+    // Ends the sound servers abruptly, as a crash or an update would.
+    void crash() { script("kill '" + folder_.string() + "'"); }
+    void stop() { script("stop '" + folder_.string() + "'"); }
+
+    bool setDefaultSink(const std::string& sink) {
+        return commandOutput("pactl set-default-sink '" + sink + "' 2>&1").has_value();
+    }
+
+    const std::filesystem::path& folder() const { return folder_; }
+
+private:
+    static std::optional<std::string> script(const std::string& arguments) {
+        return commandOutput(std::string("'") + TOBRIN_SOUND_SERVERS_SCRIPT + "' " + arguments);
+    }
+
+    SoundServerKind kind_;
+    std::filesystem::path folder_;
+    std::map<std::string, std::optional<std::string>> saved_;
+};
+
+// Records `sink`'s monitor with parec in a child process and keeps, for every
+// block read, when it arrived and its loudest sample.
+class SinkCapture {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit SinkCapture(const std::string& sink) {
+        int fds[2];
+        if (::pipe(fds) != 0) throw std::runtime_error("no pipe for the capture");
+        const std::string device = "--device=" + sink + ".monitor";
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(fds[1], STDOUT_FILENO);
+            ::close(fds[0]);
+            ::close(fds[1]);
+            ::execlp("parec", "parec", device.c_str(), "--raw", "--format=float32le", "--rate=48000", "--channels=2",
+                     "--latency-msec=5", "--client-name=tobrin-test-capture", static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        ::close(fds[1]);
+        if (pid_ < 0) {
+            ::close(fds[0]);
+            throw std::runtime_error("could not start parec");
+        }
+        fd_ = fds[0];
+        reader_ = std::thread([this] { read(); });
+    }
+
+    ~SinkCapture() {
+        ::kill(pid_, SIGTERM);
+        reader_.join(); // ends when parec closes its end
+        ::close(fd_);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+    SinkCapture(const SinkCapture&) = delete;
+    SinkCapture& operator=(const SinkCapture&) = delete;
+
+    // When the first block louder than `threshold` that arrived at or after
+    // `since` came, waiting up to `timeout` for it.
+    std::optional<Clock::time_point> soundAfter(Clock::time_point since, std::chrono::milliseconds timeout,
+                                                float threshold = 1e-3f) {
+        std::unique_lock guard(lock_);
+        std::optional<Clock::time_point> found;
+        arrived_.wait_for(guard, timeout, [&] {
+            for (const auto& block : blocks_)
+                if (block.arrival >= since && block.peak > threshold) {
+                    found = block.arrival;
+                    return true;
+                }
+            return false;
+        });
+        return found;
+    }
+
+    // Whether anything louder than `threshold` arrived at or after `since`.
+    bool heardSince(Clock::time_point since, float threshold = 1e-3f) {
+        return soundAfter(since, std::chrono::milliseconds(0), threshold).has_value();
+    }
+
+    // Waits until the capture delivers audio at all (the stream is linked).
+    bool waitUntilCapturing(std::chrono::milliseconds timeout) {
+        std::unique_lock guard(lock_);
+        return arrived_.wait_for(guard, timeout, [&] { return !blocks_.empty(); });
+    }
+
+private:
+    struct Block {
+        Clock::time_point arrival;
+        float peak;
+    };
+
+    void read() {
+        std::array<float, 512> samples{};
+        std::size_t held = 0; // bytes of a sample split across reads
+        for (;;) {
+            auto* bytes = reinterpret_cast<char*>(samples.data());
+            const ssize_t got = ::read(fd_, bytes + held, sizeof samples - held);
+            if (got <= 0) return;
+            const std::size_t total = held + std::size_t(got);
+            const std::size_t count = total / sizeof(float);
+            float peak = 0;
+            for (std::size_t i = 0; i < count; ++i) peak = std::max(peak, std::fabs(samples[i]));
+            held = total - count * sizeof(float);
+            std::memmove(bytes, bytes + count * sizeof(float), held);
+            {
+                std::lock_guard guard(lock_);
+                blocks_.push_back({Clock::now(), peak});
+            }
+            arrived_.notify_all();
+        }
+    }
+
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    std::thread reader_;
+    std::mutex lock_;
+    std::condition_variable arrived_;
+    std::vector<Block> blocks_;
+};
+
+} // namespace tobrin::test

@@ -1,0 +1,230 @@
+// The audio output on real sound servers: private PipeWire and PulseAudio
+// daemons with null sinks, keys handled by the Conductor with a built-in pack,
+// and the sink's monitor recorded by a separate process.
+#include "TobrinKit/Engine/Audio/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/PipeWire/PipeWireAudioBackend.h"
+#include "TobrinKit/Engine/Audio/Pulse/PulseAudioBackend.h"
+#include "TobrinKit/Engine/Audio/Servers/SoundServers.h"
+#include "TobrinKit/Engine/Conductor.h"
+#include "TobrinKit/Engine/Core/KeyCode.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
+
+#include "Support/Eventually.h"
+#include "Support/SoundServers.h"
+#include "TobrinKit/Engine/BuiltInPacks.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace tobrin::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = SinkCapture::Clock;
+
+// The time a sound may take to be heard through a server on a loaded machine.
+constexpr auto soundTimeout = 3000ms;
+
+// A conductor playing Blue Click at a fixed strength through a real output.
+struct Player {
+    std::shared_ptr<AudioOutput> audio;
+    Conductor conductor;
+
+    explicit Player(const std::string& forced)
+        : audio(std::make_shared<AudioOutput>(AudioBackends::registered(), forced)), conductor(audio, nullptr) {
+        EngineSettings settings;
+        settings.forceSensing = false;
+        conductor.apply(settings, true);
+        conductor.setPack(fixtures::loadBuiltInPack("blue-click"));
+        conductor.barrier();
+    }
+
+    void press(std::uint16_t code = KeyCode::a) {
+        conductor.handle(KeyEvent{code, KeyAction::down, MachTime::now()});
+        conductor.handle(KeyEvent{code, KeyAction::up, MachTime::now()});
+    }
+
+    // Presses a key every 100 ms until the capture hears one; when it did.
+    std::optional<Clock::time_point> pressUntilHeard(SinkCapture& capture, std::chrono::milliseconds timeout) {
+        const auto deadline = Clock::now() + timeout;
+        while (Clock::now() < deadline) {
+            const auto pressed = Clock::now();
+            press();
+            if (auto heard = capture.soundAfter(pressed, 100ms)) return heard;
+        }
+        return std::nullopt;
+    }
+};
+
+struct ServerCase {
+    const char* name;
+    SoundServerKind server;
+    const char* forced; // TOBRIN_AUDIO
+    const char* backend;
+    const char* startLog; // why the better backends were passed over
+};
+
+class AudioServer : public testing::TestWithParam<ServerCase> {
+protected:
+    static void SetUpTestSuite() { registerSoundServerBackends(); }
+
+    std::unique_ptr<Player> startPlayer() {
+        testing::internal::CaptureStderr();
+        auto player = std::make_unique<Player>(GetParam().forced);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), GetParam().startLog);
+        EXPECT_EQ(player->audio->backendName(), GetParam().backend);
+        return player;
+    }
+
+    PrivateSoundServer server{GetParam().server};
+};
+
+const ServerCase everyRoute[] = {
+    {"PipeWire", SoundServerKind::PipeWire, "", "pipewire", ""},
+    {"PulseAudio", SoundServerKind::PulseAudio, "", "pulse",
+     "Tobrin: audio engine failed to start: pipewire: no server is running\n"},
+    {"PulseOnPipeWire", SoundServerKind::PipeWire, "pulse", "pulse", ""},
+};
+
+TEST_P(AudioServer, AKeyIsHeardAtTheSinkAndPauseKeepsTheConnection) {
+    SinkCapture capture(PrivateSoundServer::defaultSink);
+    ASSERT_TRUE(capture.waitUntilCapturing(soundTimeout));
+    auto started = startPlayer();
+    Player& player = *started;
+    ASSERT_TRUE(player.audio->isRunning());
+
+    const auto before = Clock::now();
+    player.press();
+    EXPECT_TRUE(capture.soundAfter(before, soundTimeout)) << "no key sound reached the sink";
+
+    player.audio->pause();
+    const auto frozen = player.audio->renderedFrames();
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(player.audio->renderedFrames(), frozen);
+    const auto resumed = Clock::now();
+    player.press(); // wakes the output again
+    EXPECT_TRUE(capture.soundAfter(resumed, soundTimeout)) << "no sound after resuming";
+    EXPECT_EQ(player.audio->backendName(), GetParam().backend);
+}
+
+TEST_P(AudioServer, DefaultSinkSwitchMovesTheNextKeyToTheNewSink) {
+    auto started = startPlayer();
+    Player& player = *started;
+    SinkCapture second(PrivateSoundServer::secondSink);
+    ASSERT_TRUE(second.waitUntilCapturing(soundTimeout));
+
+    ASSERT_TRUE(server.setDefaultSink(PrivateSoundServer::secondSink));
+    EXPECT_TRUE(player.pressUntilHeard(second, soundTimeout)) << "the new default sink never heard a key";
+    EXPECT_TRUE(player.audio->isRunning());
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, AudioServer, testing::ValuesIn(everyRoute),
+                         [](const testing::TestParamInfo<ServerCase>& route) { return route.param.name; });
+
+class AudioServerRestart : public AudioServer {};
+
+TEST_P(AudioServerRestart, SoundComesBackWithinASecondOfTheServerAndTheVoicesSurvive) {
+    auto started = startPlayer();
+    Player& player = *started;
+    TBMixer* const mixer = player.audio->mixer();
+    {
+        SinkCapture capture(PrivateSoundServer::defaultSink);
+        ASSERT_TRUE(capture.waitUntilCapturing(soundTimeout));
+        ASSERT_TRUE(player.pressUntilHeard(capture, soundTimeout));
+    }
+    const auto startedBefore = player.audio->startedVoices();
+
+    testing::internal::CaptureStderr();
+    server.crash();
+    // The output notices and falls back to the null device without crashing;
+    // keys still start voices there.
+    const bool fellBack = eventually([&] { return player.audio->backendName() == "null"; }, soundTimeout);
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(fellBack);
+    EXPECT_NE(log.find("Tobrin: no sound server could be used; sounds go to the null device\n"), std::string::npos)
+        << log;
+    player.press();
+    player.conductor.barrier();
+
+    ASSERT_TRUE(server.start());
+    const auto back = Clock::now();
+    SinkCapture capture(PrivateSoundServer::defaultSink);
+    const auto heard = player.pressUntilHeard(capture, soundTimeout);
+    ASSERT_TRUE(heard) << "no sound after the server came back";
+    EXPECT_LT(*heard - back, 1000ms);
+    EXPECT_EQ(player.audio->backendName(), GetParam().backend);
+    EXPECT_EQ(player.audio->mixer(), mixer);
+    EXPECT_GT(player.audio->startedVoices(), startedBefore);
+}
+
+const ServerCase restartRoutes[] = {everyRoute[0], everyRoute[1]};
+
+INSTANTIATE_TEST_SUITE_P(Routes, AudioServerRestart, testing::ValuesIn(restartRoutes),
+                         [](const testing::TestParamInfo<ServerCase>& route) { return route.param.name; });
+
+// A render callback that stalls once, as a descheduled thread would.
+struct StallingRenderer {
+    std::atomic<bool> stall{false};
+    std::atomic<std::uint64_t> renders{0};
+    std::atomic<std::uint64_t> underruns{0};
+
+    AudioBackend::Callbacks callbacks() {
+        AudioBackend::Callbacks callbacks;
+        callbacks.context = this;
+        callbacks.render = [](void* context, float* const* channels, std::uint32_t count, std::uint32_t frames) {
+            auto* self = static_cast<StallingRenderer*>(context);
+            if (self->stall.exchange(false)) std::this_thread::sleep_for(60ms);
+            for (std::uint32_t c = 0; c < count; ++c) std::fill(channels[c], channels[c] + frames, 0.0f);
+            self->renders += 1;
+        };
+        callbacks.underrun = [](void* context) { static_cast<StallingRenderer*>(context)->underruns += 1; };
+        return callbacks;
+    }
+};
+
+TEST_P(AudioServer, AStalledRenderIsCountedAsAnUnderrunAndPlaybackGoesOn) {
+    StallingRenderer renderer;
+    const auto factory = std::string(GetParam().backend) == PipeWireAudioBackend::name ? PipeWireAudioBackend::factory()
+                                                                                       : PulseAudioBackend::factory();
+    auto backend = factory.create({48000, 2, 256}, renderer.callbacks());
+    std::string error;
+    ASSERT_TRUE(backend->start(error)) << error;
+    ASSERT_TRUE(eventually([&] { return renderer.renders > 20; }));
+    const auto underrunsBefore = renderer.underruns.load();
+
+    renderer.stall = true;
+    ASSERT_TRUE(eventually([&] { return renderer.underruns > underrunsBefore; }, soundTimeout));
+    const auto renders = renderer.renders.load();
+    EXPECT_TRUE(eventually([&] { return renderer.renders > renders + 20; }));
+    backend->pause();
+}
+
+TEST(AudioOutputWithoutServer, FallsBackToTheNullDeviceAndSaysWhy) {
+    registerSoundServerBackends();
+    char folder[] = "/tmp/tobrin-no-server-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    // This process only: the test program runs alone in it (one CTest case).
+    ::setenv("XDG_RUNTIME_DIR", folder, 1);
+    ::setenv("PIPEWIRE_RUNTIME_DIR", folder, 1);
+    ::unsetenv("PULSE_SERVER");
+
+    AudioOutput output;
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(output.start());
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(output.backendName(), "null");
+    EXPECT_EQ(log, "Tobrin: audio engine failed to start: pipewire: no server is running\n"
+                   "Tobrin: audio engine failed to start: pulse: no server is running\n"
+                   "Tobrin: no sound server could be used; sounds go to the null device\n");
+    output.pause();
+    ::rmdir(folder);
+}
+
+} // namespace
+} // namespace tobrin::test
