@@ -22,6 +22,8 @@ constexpr std::array verbs = {
          "unless --replace says to overwrite it",
          runGenerate},
     Verb{"loudness", "FILE...", "print each file's integrated loudness in LUFS, then its name", runLoudness},
+    Verb{"play", "PACK_DIR [--text T] [--wpm N]",
+         "type a demo text with the pack live through the sound server (TOBRIN_AUDIO chooses the output)", runPlay},
     Verb{"render", "PACK_DIR OUT.wav [--text T] [--wpm N]",
          "type a demo text with the pack into a 48 kHz stereo WAV file and print its loudness", runRender},
 };
