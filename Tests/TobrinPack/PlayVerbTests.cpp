@@ -25,8 +25,8 @@ TEST(PlayVerb, TypesTheTextLiveThroughTheSoundServer) {
     const auto started = test::SinkCapture::Clock::now();
     const auto result = testing::runCommand(play("--text 'hi there' --wpm 200"));
     ASSERT_EQ(result.exitStatus, 0) << result.output;
-    EXPECT_TRUE(std::regex_match(result.output,
-                                 std::regex(R"(Playing Blue Click through pipewire \(8 keys, [0-9.]+ s\)\n)")))
+    EXPECT_TRUE(
+        std::regex_match(result.output, std::regex(R"(Playing Blue Click through pipewire \(8 keys, [0-9.]+ s\)\n)")))
         << result.output;
     EXPECT_TRUE(capture.heardSince(started));
 }

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -126,34 +127,82 @@ TEST(AudioOutput, ForcedBackendThatDoesNotExistFailsWithAMessageAndRetriesLater)
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST(AudioBackends, CandidatesFollowTheForcedNameOrReachabilityInOrder) {
-    auto named = [](std::string name, bool reachable) {
-        AudioBackendFactory factory = NullAudioBackend::factory();
-        factory.name = std::move(name);
-        factory.isReachable = [reachable] { return reachable; };
-        return factory;
+// A sound server stood in for by the null device under another name: reachable,
+// and connectable, while the test says it is up.
+AudioBackendFactory fakeServer(std::string name, std::shared_ptr<std::atomic<bool>> up) {
+    AudioBackendFactory factory = NullAudioBackend::factory();
+    factory.name = std::move(name);
+    factory.isReachable = [up] { return up->load(); };
+    factory.create = [up, create = factory.create](const AudioBackend::Format& format,
+                                                   const AudioBackend::Callbacks& callbacks) {
+        return up->load() ? create(format, callbacks) : nullptr;
     };
-    const std::vector<AudioBackendFactory> available{named("pipewire", false), named("pulse", true),
-                                                     named("null", true)};
+    return factory;
+}
+
+TEST(AudioOutput, ChoosesTheFirstReachableBackendOrTheForcedOneAndSaysWhyOthersWereSkipped) {
+    const std::string skippedPipeWire = "Tobrin: audio engine failed to start: pipewire: no server is running\n";
     struct Case {
         std::string forced;
-        std::vector<std::string> expected;
+        bool pipewireUp, pulseUp;
+        std::string chosen, log;
     };
-    const std::vector<Case> cases{
-        {"", {"pulse", "null"}},
-        {"pipewire", {"pipewire"}}, // forcing ignores the probe
-        {"null", {"null"}},
-        {"alsa", {}},
+    const Case cases[] = {
+        {"", true, true, "pipewire", ""},
+        {"", false, true, "pulse", skippedPipeWire},
+        {"", false, false, "null",
+         skippedPipeWire + "Tobrin: audio engine failed to start: pulse: no server is running\n"
+                           "Tobrin: no sound server could be used; sounds go to the null device\n"},
+        {"pulse", true, true, "pulse", ""},
+        // Forcing skips the probe; the connection itself fails.
+        {"pipewire", false, true, "", "Tobrin: audio engine failed to start: pipewire: could not be created\n"},
+        {"null", true, true, "null", ""},
     };
     for (const auto& c : cases) {
-        std::vector<std::string> names;
-        for (const auto& factory : AudioBackends::candidates(available, c.forced)) names.push_back(factory.name);
-        EXPECT_EQ(names, c.expected) << "forced: " << c.forced;
+        const auto pipewire = std::make_shared<std::atomic<bool>>(c.pipewireUp);
+        const auto pulse = std::make_shared<std::atomic<bool>>(c.pulseUp);
+        AudioOutput output({fakeServer("pipewire", pipewire), fakeServer("pulse", pulse), NullAudioBackend::factory()},
+                           c.forced);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(output.start(), !c.chosen.empty());
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.log) << c.chosen;
+        EXPECT_EQ(output.backendName(), c.chosen);
     }
+    EXPECT_EQ(AudioBackends::registered().back().name, "null");
+}
 
-    const auto registered = AudioBackends::registered();
-    ASSERT_FALSE(registered.empty());
-    EXPECT_EQ(registered.back().name, "null");
+TEST(AudioOutput, AServerThatAppearsIsPickedUpOnTheNextStartAndALostOneWhenItReturns) {
+    const auto up = std::make_shared<std::atomic<bool>>(false);
+    AudioOutput output({fakeServer("pipewire", up), NullAudioBackend::factory()}, "");
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(output.start());
+    EXPECT_EQ(output.backendName(), "null");
+
+    *up = true; // the server starts while the output runs on the null device
+    output.pause();
+    ASSERT_TRUE(output.start());
+    EXPECT_EQ(output.backendName(), "pipewire");
+
+    *up = false; // lost: the output falls back and keeps rendering
+    output.handleConfigurationChange();
+    EXPECT_EQ(output.backendName(), "null");
+    EXPECT_TRUE(output.isRunning());
+    const auto frames = output.renderedFrames();
+    EXPECT_TRUE(eventually([&] { return output.renderedFrames() > frames; }));
+
+    *up = true; // back: found again by the retries, without a start
+    EXPECT_TRUE(eventually([&] { return output.backendName() == "pipewire"; }));
+    EXPECT_TRUE(output.isRunning());
+
+    // A paused output does not retry.
+    *up = false;
+    output.handleConfigurationChange();
+    output.pause();
+    *up = true;
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(output.backendName(), "null");
+    EXPECT_FALSE(output.isRunning());
+    testing::internal::GetCapturedStderr();
 }
 
 TEST(AudioOutput, RenderCallbackMixesMonoIntoASingleChannelBuffer) {

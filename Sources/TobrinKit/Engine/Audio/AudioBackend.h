@@ -13,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace tobrin {
@@ -75,11 +74,6 @@ void add(AudioBackendFactory factory);
 
 // Every registered kind in order of preference, the null device last.
 std::vector<AudioBackendFactory> registered();
-
-// The kinds to try, in order: the one named by `forced` alone when it is set
-// and not empty (none when no such kind exists); otherwise every kind of
-// `available` that reports itself reachable.
-std::vector<AudioBackendFactory> candidates(const std::vector<AudioBackendFactory>& available, std::string_view forced);
 
 } // namespace AudioBackends
 } // namespace tobrin

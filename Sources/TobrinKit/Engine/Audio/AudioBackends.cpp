@@ -43,20 +43,4 @@ std::vector<AudioBackendFactory> registered() {
     return list;
 }
 
-std::vector<AudioBackendFactory> candidates(const std::vector<AudioBackendFactory>& available,
-                                            std::string_view forced) {
-    std::vector<AudioBackendFactory> chosen;
-    if (!forced.empty()) {
-        for (const auto& factory : available)
-            if (factory.name == forced) {
-                chosen.push_back(factory);
-                break;
-            }
-        return chosen;
-    }
-    for (const auto& factory : available)
-        if (!factory.isReachable || factory.isReachable()) chosen.push_back(factory);
-    return chosen;
-}
-
 } // namespace tobrin::AudioBackends

@@ -62,6 +62,13 @@ std::size_t AudioOutput::rankOf(const std::string& name) const {
     return backends_.size();
 }
 
+std::unique_ptr<AudioBackend> AudioOutput::make(const AudioBackendFactory& factory) {
+    const AudioBackend::Format format{sampleRate, 2, bufferFrames};
+    const AudioBackend::Callbacks callbacks{&renderCallback, &configurationChangedCallback, &underrunCallback, nullptr,
+                                            this};
+    return factory.create ? factory.create(format, callbacks) : nullptr;
+}
+
 bool AudioOutput::connect() {
     if (isRunning_ && backend_ && backend_->isRunning()) return true;
     if (isRunning_ && backend_) backend_->pause(); // it stopped by itself
@@ -73,9 +80,6 @@ bool AudioOutput::connect() {
     const auto report = [&reasons] {
         for (const auto& reason : reasons) logError("Tobrin: audio engine failed to start: " + reason);
     };
-    const AudioBackend::Format format{sampleRate, 2, bufferFrames};
-    const AudioBackend::Callbacks callbacks{&renderCallback, &configurationChangedCallback, &underrunCallback, nullptr,
-                                            this};
     for (const auto& candidate : backends_) {
         if (!forced_.empty() && candidate.name != forced_) continue;
         std::string error;
@@ -93,7 +97,7 @@ bool AudioOutput::connect() {
             reasons.push_back(candidate.name + ": no server is running");
             continue;
         }
-        auto backend = candidate.create ? candidate.create(format, callbacks) : nullptr;
+        auto backend = make(candidate);
         if (backend && backend->start(error)) {
             backend_ = std::move(backend); // a paused, less preferred one goes
             backendName_ = candidate.name;
@@ -147,8 +151,11 @@ void AudioOutput::handleConfigurationChange() {
         }
     }
     if (retry) {
-        std::lock_guard guard(changeLock_);
-        retrying_ = true;
+        {
+            std::lock_guard guard(changeLock_);
+            retrying_ = true;
+        }
+        changeSignal_.notify_one(); // the watcher may be waiting without a time-out
     }
 }
 
@@ -165,9 +172,7 @@ void AudioOutput::retryBetterBackends() {
             // One consumer of the mixer at a time: the fallback pauses while
             // the better backend tries, and resumes if it fails.
             if (backend_ && isRunning_) backend_->pause();
-            const AudioBackend::Callbacks callbacks{&renderCallback, &configurationChangedCallback, &underrunCallback,
-                                                    nullptr, this};
-            auto backend = candidate.create ? candidate.create({sampleRate, 2, bufferFrames}, callbacks) : nullptr;
+            auto backend = make(candidate);
             std::string error;
             if (backend && backend->start(error)) {
                 backend_ = std::move(backend);
@@ -232,7 +237,7 @@ void AudioOutput::watchConfiguration() {
         if (retrying_)
             changeSignal_.wait_for(guard, retryInterval, woken);
         else
-            changeSignal_.wait(guard, woken);
+            changeSignal_.wait(guard, [&] { return woken() || retrying_; });
         if (closing_) return;
         const bool changed = std::exchange(changePending_, false);
         const bool retry = retrying_;

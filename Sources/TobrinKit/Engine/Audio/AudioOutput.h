@@ -99,7 +99,8 @@ private:
     static void configurationChangedCallback(void* context);
     static void underrunCallback(void* context);
     void watchConfiguration();
-    // Both with lock_ held.
+    // With lock_ held.
+    std::unique_ptr<AudioBackend> make(const AudioBackendFactory& factory);
     bool connect();
     std::size_t rankOf(const std::string& name) const;
     // Tries the backends better than the one in use; stops retrying once the
