@@ -86,6 +86,7 @@ struct PipeWireAudioBackend::Connection {
     int sinks = 0;
 
     std::atomic<bool> lost{false};   // the connection or the stream failed
+    bool established = false;        // streamed once (loop thread, under its lock)
     std::atomic<bool> active{false}; // render into the stream (else silence)
     // Set by the process callback while it runs, so pause() can wait for it.
     std::atomic<bool> processing{false};
@@ -110,7 +111,8 @@ bool PipeWireAudioBackend::Connection::waitFor(Predicate done, std::int64_t time
 void PipeWireAudioBackend::Connection::reportLost() {
     if (lost.exchange(true)) return;
     if (loop) pw_thread_loop_signal(loop, false);
-    if (callbacks.configurationChanged) callbacks.configurationChanged(callbacks.context);
+    // A connection that never got going is a failed start, not a change.
+    if (established && callbacks.configurationChanged) callbacks.configurationChanged(callbacks.context);
 }
 
 void PipeWireAudioBackend::Connection::onStateChanged(void* data, pw_stream_state old, pw_stream_state state,
@@ -322,6 +324,7 @@ bool PipeWireAudioBackend::Connection::start(std::string& error) {
     pw_thread_loop_lock(loop);
     const bool streaming =
         waitFor([this] { return state == PW_STREAM_STATE_STREAMING || lost.load(); }, startTimeout) && !lost.load();
+    if (streaming) established = true;
     if (!streaming) {
         error = lost.load() ? "the PipeWire server closed the stream" + (streamError.empty() ? "" : ": " + streamError)
                             : "PipeWire did not link the stream to an output in time";

@@ -64,6 +64,7 @@ struct PulseAudioBackend::Connection {
     std::atomic<bool> lost{false};
     std::atomic<bool> active{false};
     bool changeReported = false; // loop thread
+    bool established = false;    // the stream became ready (under the loop's lock)
 };
 
 template <typename Predicate>
@@ -89,7 +90,8 @@ bool PulseAudioBackend::Connection::waitFor(Predicate done, pa_usec_t timeout) {
 void PulseAudioBackend::Connection::reportChange(bool connectionLost) {
     if (connectionLost) lost.store(true);
     pa_threaded_mainloop_signal(loop, 0);
-    if (changeReported) return;
+    // A connection that never got going is a failed start, not a change.
+    if (changeReported || !established) return;
     changeReported = true;
     if (callbacks.configurationChanged) callbacks.configurationChanged(callbacks.context);
 }
@@ -251,6 +253,7 @@ bool PulseAudioBackend::Connection::connect(std::string& error) {
         pa_threaded_mainloop_unlock(loop);
         return false;
     }
+    established = true;
     pa_context_set_subscribe_callback(context, &onSubscription, this);
     if (pa_operation* operation = pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr))
         pa_operation_unref(operation);
