@@ -326,8 +326,11 @@ int run(int argc, char** argv) {
 
     std::vector<double> latencies;
     int missing = 0;
+    // A key's sound cannot play before the key; the window opens 2 ms early
+    // only because a cycle's frames count from the cycle's start, which may
+    // precede a key the same cycle still rendered.
     for (const std::int64_t key : pressed) {
-        const std::int64_t onset = recording.onset(0.0f, key - 20'000'000, key + 500'000'000);
+        const std::int64_t onset = recording.onset(0.0f, key - 2'000'000, key + 500'000'000);
         if (onset < 0)
             ++missing;
         else
