@@ -1,13 +1,13 @@
-// Replaces malloc, calloc, realloc, free, aligned_alloc, posix_memalign,
-// operator new/delete and pthread_mutex_lock for the whole program; each
-// counts a call made inside a real-time section, then does the real work.
+// Replaces malloc, calloc, realloc, free, aligned_alloc, posix_memalign (which
+// operator new and delete end in) and pthread_mutex_lock for the whole
+// program; each counts a call made inside a real-time section, then does the
+// real work.
 #include "Support/RealtimeHooks.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <dlfcn.h>
-#include <new>
 #include <pthread.h>
 
 extern "C" {
@@ -71,35 +71,3 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) {
     return real(mutex);
 }
 }
-
-void* operator new(std::size_t size) {
-    noteCall();
-    if (void* p = __libc_malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    noteCall();
-    if (void* p = __libc_memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) { return operator new(size, alignment); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    noteCall();
-    return __libc_malloc(size == 0 ? 1 : size);
-}
-void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    noteCall();
-    return __libc_memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size);
-}
-void operator delete(void* p) noexcept {
-    noteCall();
-    __libc_free(p);
-}
-void operator delete[](void* p) noexcept { operator delete(p); }
-void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::size_t) noexcept { operator delete(p); }
-void operator delete(void* p, std::align_val_t) noexcept { operator delete(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { operator delete(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { operator delete(p); }
