@@ -200,7 +200,7 @@ void PipeWireAudioBackend::Connection::onProcess(void* data) {
         buffer->size = frames;
         pw_stream_queue_buffer(self->stream, buffer);
         if (rendering) self->noteTiming(frames);
-    } else if (callbacks.underrun) {
+    } else if (self->active.load() && callbacks.underrun) {
         callbacks.underrun(callbacks.context); // no buffer to fill this cycle
     }
 
