@@ -13,6 +13,8 @@ pkg_check_modules(XCB REQUIRED IMPORTED_TARGET GLOBAL xcb xcb-xinput xcb-xkb)
 pkg_check_modules(XKBCOMMON REQUIRED IMPORTED_TARGET GLOBAL xkbcommon xkbcommon-x11)
 pkg_check_modules(UDEV REQUIRED IMPORTED_TARGET GLOBAL libudev)
 pkg_check_modules(GIO REQUIRED IMPORTED_TARGET GLOBAL gio-2.0)
+# Zipped community packs, read entry by entry by the importer.
+pkg_check_modules(LIBARCHIVE REQUIRED IMPORTED_TARGET GLOBAL libarchive)
 if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   # The independent loudness meter the tests and benchmarks compare against.
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)

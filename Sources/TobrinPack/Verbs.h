@@ -31,6 +31,7 @@ void printError(std::string_view message);
 
 // The verbs, one source file each (GenerateVerb.cpp, ...). main.cpp lists them.
 int runGenerate(std::span<const std::string_view> arguments);
+int runImport(std::span<const std::string_view> arguments);
 int runLoudness(std::span<const std::string_view> arguments);
 int runPlay(std::span<const std::string_view> arguments);
 int runRender(std::span<const std::string_view> arguments);

@@ -21,6 +21,11 @@ constexpr std::array verbs = {
          "$XDG_DATA_HOME/Tobrin/Packs); a pack's folder that tobrin-pack did not generate is left alone "
          "unless --replace says to overwrite it",
          runGenerate},
+    Verb{"import", "SRC [DEST] [--replace]",
+         "turn a community pack (a folder with config.json, or a zip of one) into a pack folder DEST (default: "
+         "your packs folder, named after SRC); a folder tobrin-pack did not import is left alone unless --replace "
+         "says to overwrite it",
+         runImport},
     Verb{"loudness", "FILE...", "print each file's integrated loudness in LUFS, then its name", runLoudness},
     Verb{"play", "PACK_DIR [--text T] [--wpm N]",
          "type a demo text with the pack live through the sound server (TOBRIN_AUDIO chooses the output)", runPlay},
