@@ -69,7 +69,7 @@ std::optional<double> milliseconds(const json& value) {
 
 // Decodes one entry of "defines"; the reason when it cannot be used.
 std::variant<CommunityConfig::Entry, std::string> entryOf(const std::string& key, const json& value,
-                                                           CommunityConfig::Layout layout) {
+                                                          CommunityConfig::Layout layout) {
     const auto parsed = keyOf(key);
     if (!parsed) return std::string("not a key code");
     CommunityConfig::Entry entry;
@@ -79,7 +79,8 @@ std::variant<CommunityConfig::Entry, std::string> entryOf(const std::string& key
     if (layout == CommunityConfig::Layout::multi) {
         if (!value.is_string()) return std::string("must name a file, not ") + value.type_name();
         if (value.get_ref<const std::string&>().empty()) return entry;
-        if (value.get_ref<const std::string&>().size() > CommunityConfig::maxTextBytes) return std::string("file name too long");
+        if (value.get_ref<const std::string&>().size() > CommunityConfig::maxTextBytes)
+            return std::string("file name too long");
         entry.file = value.get<std::string>();
         return entry;
     }

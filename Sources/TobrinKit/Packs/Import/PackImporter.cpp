@@ -327,8 +327,8 @@ private:
             reason = "silent";
             return std::nullopt;
         }
-        // The lead-in: everything before the onset but a fraction of a
-        // millisecond, or it would be latency on every key.
+        // The lead-in: everything before the onset but half a millisecond,
+        // or it would be latency on every key.
         std::size_t onset = begin;
         while (onset < end && level(onset) < peak * PackImporter::onsetRelativeLevel) ++onset;
         const auto leadIn = std::size_t(PackImporter::leadInSeconds * PackImporter::sampleRate);
@@ -521,7 +521,8 @@ bool isZip(const fs::path& path) {
 bool PackImporter::isCommunityPack(const fs::path& entry) {
     std::error_code error;
     if (fs::is_directory(entry, error)) {
-        return fs::exists(entry / CommunityConfig::fileName, error) && !fs::exists(entry / PackManifest::fileName, error);
+        return fs::exists(entry / CommunityConfig::fileName, error) &&
+               !fs::exists(entry / PackManifest::fileName, error);
     }
     return fs::is_regular_file(entry, error) && isZip(entry);
 }

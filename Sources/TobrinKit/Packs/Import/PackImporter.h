@@ -51,10 +51,11 @@ public:
 
     static constexpr std::string_view kind = "Imported";
     static constexpr double sampleRate = 48000;
-    // Lead-in kept before a take's onset (the first sample within 30 dB of
-    // its peak).
-    static constexpr double leadInSeconds = 0.00025;
-    static constexpr float onsetRelativeLevel = 0.0316f; // −30 dB
+    // Lead-in kept before a take's onset, the first sample within 20 dB of
+    // its peak. Not lower: lossy codecs smear a click's attack forward as
+    // pre-echo, a millisecond or more at −30 dB, which is latency, not sound.
+    static constexpr double leadInSeconds = 0.0005;
+    static constexpr float onsetRelativeLevel = 0.1f; // −20 dB
     // A key's sound is cut to this length (with a short fade): longer files
     // are whole songs, not key strokes, and would not fit the loader's budget.
     static constexpr double maxTakeSeconds = 1.0;

@@ -104,9 +104,9 @@ ZipArchive::Result extractWith(const Opener& open, const std::filesystem::path& 
         archive_entry* entry = nullptr;
         std::size_t entries = 0;
         int status = ARCHIVE_OK;
-        while ((status = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK ||
-               status == ARCHIVE_WARN) {
-            if (++entries > budget.maxEntries) fail("the archive has more than " + std::to_string(budget.maxEntries) + " entries");
+        while ((status = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK || status == ARCHIVE_WARN) {
+            if (++entries > budget.maxEntries)
+                fail("the archive has more than " + std::to_string(budget.maxEntries) + " entries");
             if (archive_entry_filetype(entry) != AE_IFREG || archive_entry_hardlink(entry)) continue;
             const char* raw = entryName(entry);
             const auto name = raw ? ZipArchive::safeName(raw) : std::nullopt;
@@ -209,8 +209,8 @@ std::optional<std::string> ZipArchive::safeName(std::string_view name) {
     return result;
 }
 
-ZipArchive::Result ZipArchive::extract(const std::filesystem::path& archivePath, const std::filesystem::path& destination,
-                                       const Budget& budget) {
+ZipArchive::Result ZipArchive::extract(const std::filesystem::path& archivePath,
+                                       const std::filesystem::path& destination, const Budget& budget) {
     const Opener open = [&] {
         ArchivePtr reader = newReader();
         if (archive_read_open_filename(reader.get(), archivePath.c_str(), 64 * 1024) != ARCHIVE_OK) {

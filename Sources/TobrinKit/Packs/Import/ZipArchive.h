@@ -25,9 +25,9 @@ public:
     ZipArchive() = delete;
 
     struct Budget {
-        std::size_t maxEntries = 4096;              // entries read, of any kind
-        std::size_t maxFileBytes = 64u << 20;       // one unpacked file
-        std::size_t maxTotalBytes = 256u << 20;     // everything unpacked
+        std::size_t maxEntries = 4096;          // entries read, of any kind
+        std::size_t maxFileBytes = 64u << 20;   // one unpacked file
+        std::size_t maxTotalBytes = 256u << 20; // everything unpacked
     };
 
     // Not a zip, unreadable, no pack in it, or over the budget. Whatever was
