@@ -73,4 +73,37 @@ inline std::string readFile(const std::filesystem::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+inline constexpr int ogg = SF_FORMAT_OGG | SF_FORMAT_VORBIS;
+inline constexpr int mp3 = SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
+
+// A sprite of four strokes, each 150 ms from a multiple of 150 ms with 20 ms
+// of silence first, as an Ogg file at 44.1 kHz in stereo.
+inline void writeSinglePack(const std::filesystem::path& folder) {
+    std::vector<float> sprite;
+    for (double frequency : {900.0, 1400.0, 500.0, 700.0}) {
+        const auto stroke = keyStroke(20, 130, frequency, 44100, frequency == 900.0 ? 0.8 : 0.4);
+        sprite.insert(sprite.end(), stroke.begin(), stroke.end());
+    }
+    writeSound(folder / "sound.ogg", {sprite, sprite}, 44100, ogg);
+    writeText(folder / "config.json", R"({"id":"sp","name":"Sprite Pack","key_define_type":"single",
+        "includes_numpad":false,"sound":"sound.ogg","m_author":"Ann","tags":["x"],
+        "defines":{"30":[0,150],"30-up":[150,150],"57":[300,150],"28":[450,150],"14":[9000,100],
+        "42":[450,5000],"2":null}})");
+}
+
+inline void writeMultiPack(const std::filesystem::path& folder) {
+    writeSound(folder / "key a (1).mp3", {keyStroke(25, 80, 1000, 48000)}, 48000, mp3);
+    writeSound(folder / "space & bar!.mp3", {keyStroke(5, 120, 400, 48000)}, 48000, mp3);
+    writeText(folder / "config.json", R"({"name":"Multi","key_define_type":"multi","includes_numpad":true,
+        "sound":"key a (1).mp3","defines":{"30":"key a (1).mp3","57":"space & bar!.mp3","28":"missing.mp3","14":null}})");
+}
+
+inline void writeZippedPack(const std::filesystem::path& zip, const std::filesystem::path& source) {
+    writeSinglePack(source);
+    test::writeZip(zip, {{"My Pack/", "", test::ZipEntry::Type::folder},
+                         {"My Pack/config.json", test::readFile(source / "config.json")},
+                         {"My Pack/sound.ogg", test::readFile(source / "sound.ogg")},
+                         {"__MACOSX/My Pack/._config.json", "resource fork"}});
+}
+
 } // namespace tobrin::test

@@ -101,7 +101,8 @@ std::optional<std::filesystem::path> PackLibrary::bundledPacksDirectory() {
     return std::nullopt;
 }
 
-std::vector<PackInfo> PackLibrary::discover(const std::filesystem::path& folder, bool bundled) {
+std::vector<PackInfo> PackLibrary::discover(const std::filesystem::path& folder, bool bundled,
+                                            const Converter& convert) {
     std::vector<std::string> names;
     std::error_code error;
     std::filesystem::directory_iterator entries(folder, std::filesystem::directory_options::skip_permission_denied,
@@ -118,18 +119,21 @@ std::vector<PackInfo> PackLibrary::discover(const std::filesystem::path& folder,
     for (const std::string& name : names) {
         try {
             packs.push_back(PackInfo::read(folder / name, bundled));
-        } catch (const PackError&) {
-            // Not a pack, or a broken one: not listed.
+        } catch (const PackError& failure) {
+            // Not a pack, or a broken one: not listed, unless the converter
+            // makes a pack of it.
+            if (failure.kind() != PackError::Kind::missingManifest || !convert) continue;
+            if (auto converted = convert(folder / name)) packs.push_back(std::move(*converted));
         }
     }
     return packs;
 }
 
-std::vector<PackInfo> PackLibrary::discover() {
+std::vector<PackInfo> PackLibrary::discover(const Converter& convert) {
     std::vector<PackInfo> found;
     if (auto bundled = bundledPacksDirectory()) found = discover(*bundled, true);
     try {
-        for (PackInfo& pack : discover(userPacksDirectory(), false)) found.push_back(std::move(pack));
+        for (PackInfo& pack : discover(userPacksDirectory(), false, convert)) found.push_back(std::move(pack));
     } catch (const NoUserFolder&) {
         // Without a home folder there are no user packs; the built-in ones still play.
     }

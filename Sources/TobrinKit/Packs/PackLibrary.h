@@ -3,6 +3,7 @@
 #include "TobrinKit/Packs/PackInfo.h"
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -40,15 +41,25 @@ public:
     // when it exists.
     static std::optional<std::filesystem::path> installedPacksDirectory(const std::filesystem::path& executable);
 
+    // Asked about an entry of the user's folder that has no pack.json: a
+    // layer above may turn it into a pack somewhere else (a community pack
+    // converted into a cache, PackImport) and return that pack, or nothing.
+    // It must not throw.
+    using Converter = std::function<std::optional<PackInfo>(const std::filesystem::path& entry)>;
+
     // Every pack of both folders, merged by id (a user pack replaces a
     // built-in one) and sorted: built-in packs first, then by name
-    // (compareNames). Never fails: unreadable folders, broken manifests and
-    // a user without a home folder leave out what they concern.
-    static std::vector<PackInfo> discover();
+    // (compareNames). Entries of the user's folder without a pack.json go
+    // to `convert` when one is given. Never fails: unreadable folders,
+    // broken manifests and a user without a home folder leave out what
+    // they concern.
+    static std::vector<PackInfo> discover(const Converter& convert = {});
 
     // The packs directly inside one folder (not hidden, with a readable
-    // pack.json), in the order of their folder names.
-    static std::vector<PackInfo> discover(const std::filesystem::path& folder, bool bundled);
+    // pack.json, or what `convert` makes of an entry without one), in the
+    // order of their folder names.
+    static std::vector<PackInfo> discover(const std::filesystem::path& folder, bool bundled,
+                                          const Converter& convert = {});
 
     // The order people expect of names in a list: the collation of the
     // user's locale (LC_ALL, LC_COLLATE, LANG; the root collation for C and

@@ -2,6 +2,7 @@
 #include "TobrinKit/Packs/PackError.h"
 #include "TobrinKit/Packs/PackManifest.h"
 
+#include "Support/Environment.h"
 #include "Support/SoundFiles.h"
 
 #include <gtest/gtest.h>
@@ -12,35 +13,8 @@
 namespace tobrin {
 namespace {
 
+using test::Environment;
 using test::ScratchFolder;
-
-// Sets environment variables for one test and puts the old values back.
-class Environment {
-public:
-    void set(const char* name, const std::optional<std::string>& value) {
-        if (!saved_.contains(name)) {
-            const char* old = std::getenv(name);
-            saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-        }
-        if (value) {
-            ::setenv(name, value->c_str(), 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-    ~Environment() {
-        for (const auto& [name, value] : saved_) {
-            if (value) {
-                ::setenv(name.c_str(), value->c_str(), 1);
-            } else {
-                ::unsetenv(name.c_str());
-            }
-        }
-    }
-
-private:
-    std::map<std::string, std::optional<std::string>> saved_;
-};
 
 void writePack(const std::filesystem::path& folder, const std::string& id, const std::string& name) {
     PackManifest manifest;

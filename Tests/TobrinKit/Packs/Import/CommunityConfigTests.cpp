@@ -9,7 +9,8 @@ namespace tobrin {
 namespace {
 
 TEST(CommunityConfig, AcceptsVersionsOneAndTwoWithTheirRequiredKeysAndRefusesTheRest) {
-    const std::string v1 = R"("name":"P","key_define_type":"single","includes_numpad":false,"sound":"s.ogg","defines":{})";
+    const std::string v1 =
+        R"("name":"P","key_define_type":"single","includes_numpad":false,"sound":"s.ogg","defines":{})";
     const std::string v2 = R"("name":"P","key_define_type":"multi","sound":"s.ogg","soundup":"u.ogg","defines":{})";
     struct Case {
         std::string json;
@@ -24,9 +25,12 @@ TEST(CommunityConfig, AcceptsVersionsOneAndTwoWithTheirRequiredKeysAndRefusesThe
         {"{" + v1 + R"(,"version":3})", "unsupported \"version\" 3"},
         {"{" + v1 + R"(,"version":2})", "\"soundup\" is missing"},
         {R"({"name":"P","key_define_type":"single","sound":"s","defines":{}})", "\"includes_numpad\" is missing"},
-        {R"({"name":"P","key_define_type":"both","includes_numpad":1,"sound":"s","defines":{}})", "\"single\" or \"multi\""},
-        {R"({"name":7,"key_define_type":"single","includes_numpad":1,"sound":"s","defines":{}})", "\"name\" must be a string"},
-        {R"({"name":"P","key_define_type":"single","includes_numpad":1,"sound":"s","defines":[]})", "\"defines\" must be an object"},
+        {R"({"name":"P","key_define_type":"both","includes_numpad":1,"sound":"s","defines":{}})",
+         "\"single\" or \"multi\""},
+        {R"({"name":7,"key_define_type":"single","includes_numpad":1,"sound":"s","defines":{}})",
+         "\"name\" must be a string"},
+        {R"({"name":"P","key_define_type":"single","includes_numpad":1,"sound":"s","defines":[]})",
+         "\"defines\" must be an object"},
         {"[1]", "must be a JSON object"},
         {"{", "parse error"},
     };
@@ -52,20 +56,21 @@ TEST(CommunityConfig, ReadsEntriesAndSetsAsideThoseItCannotUse) {
     using Entry = CommunityConfig::Entry;
     using Segment = CommunityConfig::Segment;
     EXPECT_EQ(single.entries, (std::vector<Entry>{{30, false, std::nullopt, Segment{100, 50.5}},
-                                                   {30, true, std::nullopt, Segment{200, 40}},
-                                                   {31, false, std::nullopt, std::nullopt}}));
+                                                  {30, true, std::nullopt, Segment{200, 40}},
+                                                  {31, false, std::nullopt, std::nullopt}}));
     EXPECT_EQ(single.skipped.size(), 6u); // 32, 33, 34, x, 70000, 35
 
     const auto multi = CommunityConfig::decode(R"({"name":"P","key_define_type":"multi","includes_numpad":false,
         "sound":"","defines":{"57":"space key.mp3","57-up":"","28":null,"14":[1,2]}})");
     EXPECT_EQ(multi.entries, (std::vector<Entry>{{28, false, std::nullopt, std::nullopt},
-                                                  {57, false, std::string("space key.mp3"), std::nullopt},
-                                                  {57, true, std::nullopt, std::nullopt}}));
+                                                 {57, false, std::string("space key.mp3"), std::nullopt},
+                                                 {57, true, std::nullopt, std::nullopt}}));
     EXPECT_EQ(multi.skipped, std::vector<std::string>{"key \"14\": must name a file, not array"});
 }
 
 TEST(CommunityConfig, ExpandsRangesOfFiles) {
-    EXPECT_EQ(expandRange("press/G{0-2}.wav"), (std::vector<std::string>{"press/G0.wav", "press/G1.wav", "press/G2.wav"}));
+    EXPECT_EQ(expandRange("press/G{0-2}.wav"),
+              (std::vector<std::string>{"press/G0.wav", "press/G1.wav", "press/G2.wav"}));
     EXPECT_EQ(expandRange("plain {x}.ogg"), std::vector<std::string>{"plain {x}.ogg"});
     EXPECT_EQ(expandRange("a{3-1}.ogg"), std::vector<std::string>{});
     EXPECT_EQ(expandRange("a{0-99999}.ogg"), std::vector<std::string>{});
@@ -74,16 +79,36 @@ TEST(CommunityConfig, ExpandsRangesOfFiles) {
 TEST(ScanCodes, MapsScanCodesAndRawLinuxCodesToLinuxKeys) {
     using Key = ScanCodes::LinuxKey;
     const std::pair<std::uint32_t, std::optional<Key>> cases[] = {
-        {30, Key{KEY_A}},           {1, Key{KEY_ESC}},           {83, Key{KEY_KPDOT}},
-        {87, Key{KEY_F11}},         {88, Key{KEY_F12}},          {57416, Key{KEY_UP}},
-        {57419, Key{KEY_LEFT}},     {57421, Key{KEY_RIGHT}},     {57424, Key{KEY_DOWN}},
-        {3613, Key{KEY_RIGHTCTRL}}, {3640, Key{KEY_RIGHTALT}},   {3675, Key{KEY_LEFTMETA}},
-        {3676, Key{KEY_RIGHTMETA}}, {3655, Key{KEY_HOME}},       {3663, Key{KEY_END}},
-        {3657, Key{KEY_PAGEUP}},    {3665, Key{KEY_PAGEDOWN}},   {3666, Key{KEY_INSERT}},
-        {3667, Key{KEY_DELETE}},    {3612, Key{KEY_KPENTER}},    {3637, Key{KEY_KPSLASH}},
-        {60999, Key{KEY_KP7}},      {61011, Key{KEY_KPDOT}},     {0x5B, Key{KEY_F13}},
-        {103, Key{KEY_UP, true}},   {97, Key{KEY_RIGHTCTRL, true}}, {125, Key{KEY_LEFTMETA, true}},
-        {0, std::nullopt},          {61012, std::nullopt},       {0x300, std::nullopt},
+        {30, Key{KEY_A}},
+        {1, Key{KEY_ESC}},
+        {83, Key{KEY_KPDOT}},
+        {87, Key{KEY_F11}},
+        {88, Key{KEY_F12}},
+        {57416, Key{KEY_UP}},
+        {57419, Key{KEY_LEFT}},
+        {57421, Key{KEY_RIGHT}},
+        {57424, Key{KEY_DOWN}},
+        {3613, Key{KEY_RIGHTCTRL}},
+        {3640, Key{KEY_RIGHTALT}},
+        {3675, Key{KEY_LEFTMETA}},
+        {3676, Key{KEY_RIGHTMETA}},
+        {3655, Key{KEY_HOME}},
+        {3663, Key{KEY_END}},
+        {3657, Key{KEY_PAGEUP}},
+        {3665, Key{KEY_PAGEDOWN}},
+        {3666, Key{KEY_INSERT}},
+        {3667, Key{KEY_DELETE}},
+        {3612, Key{KEY_KPENTER}},
+        {3637, Key{KEY_KPSLASH}},
+        {60999, Key{KEY_KP7}},
+        {61011, Key{KEY_KPDOT}},
+        {0x5B, Key{KEY_F13}},
+        {103, Key{KEY_UP, true}},
+        {97, Key{KEY_RIGHTCTRL, true}},
+        {125, Key{KEY_LEFTMETA, true}},
+        {0, std::nullopt},
+        {61012, std::nullopt},
+        {0x300, std::nullopt},
     };
     for (const auto& [scanCode, expected] : cases) EXPECT_EQ(ScanCodes::toLinux(scanCode), expected) << scanCode;
 }

@@ -20,39 +20,19 @@ namespace tobrin {
 namespace {
 
 using test::keyStroke;
+using test::mp3;
+using test::ogg;
 using test::ScratchFolder;
+using test::writeMultiPack;
+using test::writeSinglePack;
 using test::writeSound;
 using test::writeText;
-
-constexpr int ogg = SF_FORMAT_OGG | SF_FORMAT_VORBIS;
-constexpr int mp3 = SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
-
-// A sprite of four strokes, each 150 ms from a multiple of 150 ms with 20 ms
-// of silence first, as an Ogg file at 44.1 kHz in stereo.
-void writeSinglePack(const std::filesystem::path& folder) {
-    std::vector<float> sprite;
-    for (double frequency : {900.0, 1400.0, 500.0, 700.0}) {
-        const auto stroke = keyStroke(20, 130, frequency, 44100, frequency == 900.0 ? 0.8 : 0.4);
-        sprite.insert(sprite.end(), stroke.begin(), stroke.end());
-    }
-    writeSound(folder / "sound.ogg", {sprite, sprite}, 44100, ogg);
-    writeText(folder / "config.json", R"({"id":"sp","name":"Sprite Pack","key_define_type":"single",
-        "includes_numpad":false,"sound":"sound.ogg","m_author":"Ann","tags":["x"],
-        "defines":{"30":[0,150],"30-up":[150,150],"57":[300,150],"28":[450,150],"14":[9000,100],
-        "42":[450,5000],"2":null}})");
-}
-
-void writeMultiPack(const std::filesystem::path& folder) {
-    writeSound(folder / "key a (1).mp3", {keyStroke(25, 80, 1000, 48000)}, 48000, mp3);
-    writeSound(folder / "space & bar!.mp3", {keyStroke(5, 120, 400, 48000)}, 48000, mp3);
-    writeText(folder / "config.json", R"({"name":"Multi","key_define_type":"multi","includes_numpad":true,
-        "sound":"key a (1).mp3","defines":{"30":"key a (1).mp3","57":"space & bar!.mp3","28":"missing.mp3","14":null}})");
-}
+using test::writeZippedPack;
 
 void writeVersion2Pack(const std::filesystem::path& folder) {
     for (int i = 0; i < 3; ++i) {
-        writeSound(folder / ("press/G" + std::to_string(i) + ".ogg"), {keyStroke(10, 60, 800 + 200 * i, 48000)},
-                   48000, ogg);
+        writeSound(folder / ("press/G" + std::to_string(i) + ".ogg"), {keyStroke(10, 60, 800 + 200 * i, 48000)}, 48000,
+                   ogg);
     }
     writeSound(folder / "release/U.ogg", {keyStroke(10, 40, 2000, 48000)}, 48000, ogg);
     writeSound(folder / "space.ogg", {keyStroke(10, 150, 300, 48000)}, 48000, ogg);
@@ -61,16 +41,9 @@ void writeVersion2Pack(const std::filesystem::path& folder) {
         "sound":"press/G{0-2}.ogg","soundup":"release/U.ogg","defines":{"57":"space.ogg","57-up":"space-up.ogg"}})");
 }
 
-void writeZippedPack(const std::filesystem::path& zip, const std::filesystem::path& source) {
-    writeSinglePack(source);
-    test::writeZip(zip, {{"My Pack/", "", test::ZipEntry::Type::folder},
-                         {"My Pack/config.json", test::readFile(source / "config.json")},
-                         {"My Pack/sound.ogg", test::readFile(source / "sound.ogg")},
-                         {"__MACOSX/My Pack/._config.json", "resource fork"}});
-}
-
 bool mentions(const std::vector<std::string>& lines, const std::string& text) {
-    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) { return line.find(text) != std::string::npos; });
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const auto& line) { return line.find(text) != std::string::npos; });
 }
 
 // Frames before the first sample within 20 dB of the file's peak, and the peak.
@@ -94,18 +67,28 @@ TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
     const Case cases[] = {
         {"single Ogg sprite",
          [](const ScratchFolder& s) { return writeSinglePack(s / "src"), s / "src"; },
-         4, {"alpha", "enter", "modifier", "space"}, {"alpha"},
+         4,
+         {"alpha", "enter", "modifier", "space"},
+         {"alpha"},
          {"key 14: segment starts after the end of the file", "key 2: no sound (null)", "cut at the end"}},
         {"multi MP3 files with odd names",
          [](const ScratchFolder& s) { return writeMultiPack(s / "src"), s / "src"; },
-         2, {"alpha", "space"}, {},
+         2,
+         {"alpha", "space"},
+         {},
          {"\"missing.mp3\": No such file or directory", "key 14: no sound (null)"}},
         {"version 2 with fallbacks and ranges",
          [](const ScratchFolder& s) { return writeVersion2Pack(s / "src"), s / "src"; },
-         100, {"alpha", "backspace", "enter", "modifier", "space"}, {"alpha", "backspace", "enter", "modifier", "space"},
+         100,
+         {"alpha", "backspace", "enter", "modifier", "space"},
+         {"alpha", "backspace", "enter", "modifier", "space"},
          {}},
-        {"zipped sprite", [](const ScratchFolder& s) { return writeZippedPack(s / "pack.zip", s / "zipped"), s / "pack.zip"; },
-         4, {"alpha", "enter", "modifier", "space"}, {"alpha"}, {"cut at the end"}},
+        {"zipped sprite",
+         [](const ScratchFolder& s) { return writeZippedPack(s / "pack.zip", s / "zipped"), s / "pack.zip"; },
+         4,
+         {"alpha", "enter", "modifier", "space"},
+         {"alpha"},
+         {"cut at the end"}},
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
@@ -137,7 +120,8 @@ TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
             EXPECT_LE(peak, PackImporter::peakCeiling + 0.01f);
         }
         const auto& alpha = result.manifest.groups.at("alpha").down.at("medium");
-        for (const auto& file : alpha) alphaPeaks.push_back(onsetAndPeak(*test::readWithSndfile(scratch / "imported" / file)).second);
+        for (const auto& file : alpha)
+            alphaPeaks.push_back(onsetAndPeak(*test::readWithSndfile(scratch / "imported" / file)).second);
         std::sort(alphaPeaks.begin(), alphaPeaks.end());
         EXPECT_NEAR(alphaPeaks[alphaPeaks.size() / 2], PackImporter::referencePeak, 0.03);
     }
@@ -190,9 +174,11 @@ TEST(PackImporter, ReplacesOnlyAPackItImported) {
 TEST(PackImporter, RefusesWhatItCannotImportWithTheReason) {
     const std::pair<std::string, std::string> cases[] = {
         {"", "no readable config.json"},
-        {R"({"version":3,"name":"P","key_define_type":"single","sound":"s","defines":{}})", "unsupported \"version\" 3"},
+        {R"({"version":3,"name":"P","key_define_type":"single","sound":"s","defines":{}})",
+         "unsupported \"version\" 3"},
         {R"({"name":"P","key_define_type":"multi","includes_numpad":false,"sound":"",
-            "defines":{"30":"../../etc/passwd"}})", "no key has a usable sound (\"../../etc/passwd\": path leads out of the pack)"},
+            "defines":{"30":"../../etc/passwd"}})",
+         "no key has a usable sound (\"../../etc/passwd\": path leads out of the pack)"},
     };
     for (const auto& [config, reason] : cases) {
         ScratchFolder scratch;

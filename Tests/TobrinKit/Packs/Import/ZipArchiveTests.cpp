@@ -26,16 +26,16 @@ TEST(ZipArchive, HostileEntriesWriteNothingOutsideTheDestination) {
     const std::filesystem::path outside = scratch / "outside";
     std::filesystem::create_directories(outside);
     test::writeZip(scratch / "evil.zip", {
-        {"pack/config.json", "{}"},
-        {"../escaped.txt", "x"},
-        {"pack/../../escaped2.txt", "x"},
-        {"pack\\..\\..\\escaped3.txt", "x"},
-        {(outside / "absolute.txt").string(), "x"},
-        {"C:/drive.txt", "x"},
-        {"pack/link", outside.string(), Type::symlink},
-        {"pack/link/through.txt", "x"},
-        {"pack/sound.ogg", "audio"},
-    });
+                                             {"pack/config.json", "{}"},
+                                             {"../escaped.txt", "x"},
+                                             {"pack/../../escaped2.txt", "x"},
+                                             {"pack\\..\\..\\escaped3.txt", "x"},
+                                             {(outside / "absolute.txt").string(), "x"},
+                                             {"C:/drive.txt", "x"},
+                                             {"pack/link", outside.string(), Type::symlink},
+                                             {"pack/link/through.txt", "x"},
+                                             {"pack/sound.ogg", "audio"},
+                                         });
     std::filesystem::create_directories(scratch / "dest");
     const auto result = ZipArchive::extract(scratch / "evil.zip", scratch / "dest", {});
 
@@ -43,8 +43,9 @@ TEST(ZipArchive, HostileEntriesWriteNothingOutsideTheDestination) {
     EXPECT_EQ(filesUnder(scratch / "dest"),
               (std::vector<std::string>{"pack/config.json", "pack/link/through.txt", "pack/sound.ogg"}));
     EXPECT_TRUE(filesUnder(outside).empty());
-    EXPECT_EQ(filesUnder(scratch.path()), (std::vector<std::string>{"dest/pack/config.json", "dest/pack/link/through.txt",
-                                                             "dest/pack/sound.ogg", "evil.zip"}));
+    EXPECT_EQ(filesUnder(scratch.path()),
+              (std::vector<std::string>{"dest/pack/config.json", "dest/pack/link/through.txt", "dest/pack/sound.ogg",
+                                        "evil.zip"}));
     EXPECT_EQ(result.skipped.size(), 6u);
 }
 
@@ -79,10 +80,18 @@ TEST(ZipArchive, StopsAtTheBudgetWhateverTheEntriesClaim) {
 
 TEST(ZipArchive, SafeNamesAreRelativePathsWithoutParentSteps) {
     const std::pair<std::string, std::optional<std::string>> cases[] = {
-        {"pack/a.ogg", "pack/a.ogg"}, {"./pack//a.ogg", "pack/a.ogg"}, {"pack\\a b.ogg", "pack/a b.ogg"},
-        {"a..b.ogg", "a..b.ogg"},     {"../a", std::nullopt},          {"a/../../b", std::nullopt},
-        {"/etc/passwd", std::nullopt}, {"\\x", std::nullopt},          {"C:x", std::nullopt},
-        {"", std::nullopt},           {"./", std::nullopt},            {"a/b/", "a/b"},
+        {"pack/a.ogg", "pack/a.ogg"},
+        {"./pack//a.ogg", "pack/a.ogg"},
+        {"pack\\a b.ogg", "pack/a b.ogg"},
+        {"a..b.ogg", "a..b.ogg"},
+        {"../a", std::nullopt},
+        {"a/../../b", std::nullopt},
+        {"/etc/passwd", std::nullopt},
+        {"\\x", std::nullopt},
+        {"C:x", std::nullopt},
+        {"", std::nullopt},
+        {"./", std::nullopt},
+        {"a/b/", "a/b"},
     };
     for (const auto& [name, expected] : cases) EXPECT_EQ(ZipArchive::safeName(name), expected) << name;
     std::string deep;
