@@ -51,7 +51,8 @@ int runImport(std::span<const std::string_view> arguments) {
     try {
         const PackImporter::Result result = PackImporter::import(*source, *destination, overwrite);
         std::printf("%s\t%s\n", printable(result.manifest.name).c_str(), printable(result.folder.string()).c_str());
-        std::printf("%zu keys, %zu sound files\n", result.keys, result.files);
+        std::printf("%zu keys (%zu with the sound the source gives them), %zu sound files\n", result.keys,
+                    result.keysOnOwnSound, result.files);
         for (const std::string& line : result.skipped) std::printf("skipped: %s\n", printable(line, 512).c_str());
         return exitSuccess;
     } catch (const StagedPackFolder::Refused& error) {

@@ -377,6 +377,7 @@ struct KeyTakes {
 struct GroupList {
     std::vector<std::size_t> press;
     std::optional<std::vector<std::size_t>> release;
+    std::size_t keysOnOwnSound = 0;
 };
 
 // The slot layout described in the header.
@@ -461,6 +462,7 @@ GroupList layOut(const std::vector<KeyTakes>& keys) {
         }
     }
     for (const auto& take : slotTake) list.press.push_back(*take);
+    for (const KeyTakes& key : keys) list.keysOnOwnSound += list.press[Voicing::variant(key.key, length)] == key.press;
 
     // Releases by slot: the release of a key that plays its own sound there,
     // else the group's most common release.
@@ -670,6 +672,7 @@ PackImporter::Result PackImporter::import(const fs::path& source, const fs::path
     };
     for (const auto& [group, members] : groups) {
         const GroupList list = layOut(members);
+        result.keysOnOwnSound += list.keysOnOwnSound;
         PackManifest::Group& entry = manifest.groups[std::string(rawValue(group))];
         auto& medium = entry.down[std::string(name(Tier::medium))];
         for (std::size_t take : list.press) medium.push_back(nameOf(take));

@@ -41,8 +41,9 @@ public:
     struct Result {
         std::filesystem::path folder;
         PackManifest manifest;
-        std::size_t keys = 0;  // keys with a press sound
-        std::size_t files = 0; // sound files written
+        std::size_t keys = 0;           // keys with a press sound
+        std::size_t keysOnOwnSound = 0; // of those, keys that play the sound the source gives them
+        std::size_t files = 0;          // sound files written
         // What was not imported and why, one line each.
         std::vector<std::string> skipped;
     };

@@ -142,6 +142,7 @@ TEST(PackImporter, EachKeyPlaysItsOwnPressAndReleaseWhenItsSoundIsItsOwn) {
     writeText(scratch / "src" / "config.json", R"({"name":"Own","key_define_type":"multi","includes_numpad":false,
         "sound":"","defines":{)" + defines + "}}");
     const auto result = PackImporter::import(scratch / "src", scratch / "own");
+    EXPECT_EQ(result.keysOnOwnSound, std::size(letters));
     const auto& group = result.manifest.groups.at("alpha");
     const auto& presses = group.down.at("medium");
     ASSERT_TRUE(group.up);
