@@ -37,8 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     std::uintmax_t total = 0;
     for (const auto& entry : fs::recursive_directory_iterator(base)) {
-        const auto relative = fs::relative(entry.path(), destination).string();
-        if (relative.starts_with("..")) broken("written outside the destination: " + entry.path().string());
+        const fs::path relative = fs::relative(entry.path(), destination);
+        if (relative.empty() || *relative.begin() == "..") {
+            broken("written outside the destination: " + entry.path().string());
+        }
         const auto type = entry.symlink_status().type();
         if (type == fs::file_type::regular) {
             total += entry.file_size();
