@@ -51,8 +51,8 @@ public:
                 interleaved[2 * (key * stroke + i)] = float(0.4 * envelope * random.signedUnit());
                 interleaved[2 * (key * stroke + i) + 1] = float(0.4 * envelope * random.signedUnit());
             }
-            defines += (key ? "," : "") + ("\"" + std::to_string(codes[key]) + "\":[" + std::to_string(key * 200) +
-                                           ",200]");
+            defines +=
+                (key ? "," : "") + ("\"" + std::to_string(codes[key]) + "\":[" + std::to_string(key * 200) + ",200]");
         }
         SF_INFO info{};
         info.samplerate = rate;
