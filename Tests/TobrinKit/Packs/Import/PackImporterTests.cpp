@@ -1,6 +1,7 @@
 // Importing community packs of every variant: what is imported and skipped,
 // that every imported pack loads, where each take starts, its level, and
 // which sound each key plays.
+#include "TobrinKit/Engine/OfflineRenderer.h"
 #include "TobrinKit/Engine/Voicing.h"
 #include "TobrinKit/Input/LinuxKeyCode.h"
 #include "TobrinKit/Packs/Import/PackImporter.h"
@@ -108,6 +109,11 @@ TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
         const auto pack = LoadedPack::load(PackInfo::read(scratch / "imported", false), 48000);
         EXPECT_EQ(pack->info().kind, "Imported");
         EXPECT_EQ(pack->sampleCount(), result.files);
+        const auto typed = OfflineRenderer::render(
+            *pack, OfflineRenderer::typingScript("as we type", 90, 1, [](int, int) { return 1.0f; }), {}, 0.3, 48000);
+        float loudest = 0;
+        for (float v : typed.left) loudest = std::max(loudest, std::abs(v));
+        EXPECT_GT(loudest, 0.05f) << "the typed text is silent";
 
         std::vector<float> alphaPeaks;
         for (const auto& entry : std::filesystem::directory_iterator(scratch / "imported")) {
