@@ -36,3 +36,7 @@ target_link_libraries(TobrinAsio INTERFACE Threads::Threads)
 # Sound servers, linked only by the audio backends' leaf targets.
 pkg_check_modules(PIPEWIRE REQUIRED IMPORTED_TARGET GLOBAL libpipewire-0.3)
 pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET GLOBAL libpulse)
+
+# The tray application: Qt 6 Widgets for the panel, DBus for the system's wake
+# signal, Network for the single-instance socket. Only Sources/Tobrin links it.
+find_package(Qt6 6.4 REQUIRED COMPONENTS Core Gui Widgets DBus Network)

@@ -1,13 +1,16 @@
-// Entry point. For now the command line knows --version and --help; the tray
-// application and the diagnostics arrive with the application model.
-#include <cstdio>
-#include <cstring>
+// Entry point: the command line decides first; without a command the tray
+// application starts.
+#include "Application.h"
+#include "CLI.h"
+
+#include <string>
+#include <syslog.h>
+#include <vector>
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::strcmp(argv[1], "--version") == 0) {
-        std::printf("Tobrin %s\n", TOBRIN_VERSION);
-        return 0;
-    }
-    std::printf("Usage: tobrin [--version | --help]\n");
-    return argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) ? 0 : 1;
+    ::openlog("tobrin", LOG_PID, LOG_USER);
+    tobrin::app::registerPlatform();
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (const auto status = tobrin::app::CLI::run(arguments)) return *status;
+    return tobrin::app::runApplication(argc, argv);
 }

@@ -1,0 +1,108 @@
+#pragma once
+// A program run as a user would run it, with extra environment variables:
+// its output (standard output and error together) goes to a file the test
+// reads, and it is ended by process id when the object goes, also when the
+// test fails.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace tobrin::test {
+
+class RunningProgram {
+public:
+    // `environment`: variables to set (an empty value unsets one).
+    RunningProgram(const std::vector<std::string>& words, const std::map<std::string, std::string>& environment,
+                   const std::string& outputFile)
+        : outputFile_(outputFile) {
+        std::map<std::string, std::string> merged;
+        for (char** entry = environ; *entry; ++entry) {
+            const std::string text = *entry;
+            const auto equals = text.find('=');
+            if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
+        }
+        for (const auto& [name, value] : environment) {
+            if (value.empty())
+                merged.erase(name);
+            else
+                merged[name] = value;
+        }
+        std::vector<std::string> envText;
+        for (const auto& [name, value] : merged) envText.push_back(name + "=" + value);
+        std::vector<char*> envp, argv;
+        for (auto& text : envText) envp.push_back(text.data());
+        envp.push_back(nullptr);
+        std::vector<std::string> copy = words;
+        for (auto& word : copy) argv.push_back(word.data());
+        argv.push_back(nullptr);
+
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0) throw std::runtime_error("cannot start " + words.front());
+    }
+
+    ~RunningProgram() {
+        if (!status_) {
+            ::kill(pid_, SIGKILL);
+            wait(std::chrono::seconds(10));
+        }
+    }
+    RunningProgram(const RunningProgram&) = delete;
+    RunningProgram& operator=(const RunningProgram&) = delete;
+
+    void signal(int number) { ::kill(pid_, number); }
+
+    // The exit status (128 + signal when a signal ended it), or nothing when
+    // it has not ended within `timeout`.
+    std::optional<int> wait(std::chrono::milliseconds timeout) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!status_) {
+            int status = 0;
+            const pid_t done = ::waitpid(pid_, &status, WNOHANG);
+            if (done == pid_) {
+                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                break;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return status_;
+    }
+
+    std::string output() const {
+        std::ifstream in(outputFile_);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    pid_t pid() const { return pid_; }
+
+private:
+    std::string outputFile_;
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+};
+
+} // namespace tobrin::test

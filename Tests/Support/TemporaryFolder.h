@@ -1,0 +1,33 @@
+#pragma once
+// A fresh folder under /tmp for one test, removed with everything in it when
+// the object goes.
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+namespace tobrin::test {
+
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        char name[] = "/tmp/tobrin-test-XXXXXX";
+        if (!::mkdtemp(name)) throw std::runtime_error("no temporary folder");
+        path_ = name;
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+} // namespace tobrin::test

@@ -1,0 +1,342 @@
+// The application model's rules on real parts: the built-in packs, settings
+// files on disk, the null audio device (counting what it plays), keyboards
+// made of pipes for the key monitor, and a private D-Bus for the system's
+// wake signal. Only the microphone watch is driven by hand.
+#include "AppModel.h"
+#include "SystemEvents.h"
+
+#include "TobrinKit/Engine/Audio/AudioOutput.h"
+#include "TobrinKit/Engine/Audio/NullAudioBackend.h"
+#include "TobrinKit/Force/ForceSensor.h"
+#include "TobrinKit/Input/EvdevKeySource.h"
+#include "TobrinKit/Packs/PackLibrary.h"
+
+#include "Support/Eventually.h"
+#include "Support/PipeKeyboards.h"
+#include "Support/RunningProgram.h"
+#include "Support/TemporaryFolder.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+
+#include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+
+namespace tobrin::app {
+namespace {
+
+using namespace std::chrono_literals;
+
+void ensureApplication() {
+    static int argc = 1;
+    static char name[] = "AppTests";
+    static char* argv[] = {name, nullptr};
+    static QCoreApplication application(argc, argv);
+    // A write to a keyboard whose monitor has gone fails instead of ending the tests.
+    ::signal(SIGPIPE, SIG_IGN);
+}
+
+// Runs the event loop until `predicate` holds or the time runs out.
+template <typename Predicate>
+bool until(Predicate predicate, std::chrono::milliseconds timeout = 5000ms) {
+    return test::eventually(
+        [&] {
+            QCoreApplication::processEvents();
+            return predicate();
+        },
+        timeout);
+}
+
+class HandMicrophone final : public Microphone {
+public:
+    void start() override { running = true; }
+    void stop() override { running = false; }
+    void refresh() override { ++refreshes; }
+    void setOnChange(std::function<void(bool)> onChange) override { report = std::move(onChange); }
+
+    bool running = false;
+    int refreshes = 0;
+    std::function<void(bool)> report;
+};
+
+// Keyboards this process may not read.
+class Unreadable final : public KeySource {
+public:
+    bool open(std::string& error) override {
+        error = "no keyboard can be read";
+        return false;
+    }
+    void run(KeyStream&) override {}
+    void interrupt() override {}
+};
+
+std::string contents(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class AppModelTest : public ::testing::Test {
+protected:
+    AppModelTest() { ensureApplication(); }
+
+    AppModel::Parts parts() {
+        AppModel::Parts parts;
+        parts.audio = audio;
+        parts.sensor = sensor;
+        KeySourceFactory pipes;
+        pipes.name = "evdev";
+        pipes.create = [this]() -> std::unique_ptr<KeySource> {
+            if (access != KeyboardAccess::granted) return std::make_unique<Unreadable>();
+            return std::make_unique<EvdevKeySource>(keyboards.watch());
+        };
+        pipes.access = [this] { return access; };
+        parts.keySources = {pipes};
+        auto microphone = std::make_unique<HandMicrophone>();
+        mic = microphone.get();
+        parts.microphone = std::move(microphone);
+        parts.settingsFile.emplace(settingsPath);
+        parts.loginItem.emplace(folder / "autostart/tobrin.desktop", "/usr/bin/tobrin");
+        parts.discoverPacks = [this] { return packs; };
+        return parts;
+    }
+
+    // A model on a keyboard of its own (a stopped monitor closes the ones it read).
+    std::unique_ptr<AppModel> start() {
+        keyboard = keyboards.plugIn();
+        auto model = std::make_unique<AppModel>(parts());
+        EXPECT_TRUE(until([&] { return !model->isLoadingPack(); }));
+        return model;
+    }
+
+    // Types a key and says whether the engine started a voice for it.
+    bool keyIsHeard() {
+        const auto before = audio->startedVoices();
+        keyboards.key(keyboard, KEY_A, 1);
+        keyboards.key(keyboard, KEY_A, 0);
+        return until([&] { return audio->startedVoices() > before; }, 2000ms);
+    }
+    // The engine stays silent for a typed key (given time to act on it).
+    bool keyIsSilent() {
+        const auto before = audio->startedVoices();
+        keyboards.key(keyboard, KEY_A, 1);
+        keyboards.key(keyboard, KEY_A, 0);
+        return !until([&] { return audio->startedVoices() > before; }, 400ms);
+    }
+
+    void pressShortcut() {
+        const std::uint16_t keys[] = {KEY_LEFTCTRL, KEY_LEFTALT, KEY_LEFTMETA, KEY_K};
+        for (auto code : keys) keyboards.key(keyboard, code, 1);
+        for (auto code = std::rbegin(keys); code != std::rend(keys); ++code) keyboards.key(keyboard, *code, 0);
+    }
+
+    test::TemporaryFolder folder;
+    std::filesystem::path settingsPath = folder / "config/tobrin/settings.json";
+    std::vector<PackInfo> packs = PackLibrary::discover(TOBRIN_BUILT_IN_PACKS_DIR, true);
+    std::shared_ptr<AudioOutput> audio =
+        std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
+    std::shared_ptr<ForceSensor> sensor;
+    KeyboardAccess access = KeyboardAccess::granted;
+    test::PipeKeyboards keyboards;
+    std::size_t keyboard = 0;
+    HandMicrophone* mic = nullptr;
+};
+
+TEST_F(AppModelTest, FirstStartSelectsLeopoldOrElseTheFirstPackAndWithoutPacksShowsNoPack) {
+    PackInfo leopold = packs.back();
+    leopold.id = "leopold";
+    leopold.name = "Leopold";
+    const auto builtIn = packs;
+    struct Case {
+        const char* name;
+        std::vector<PackInfo> packs;
+        std::string selected;
+        std::string statusLine;
+        std::string packError;
+        bool saved; // a changed selection is saved at once
+    };
+    const Case cases[] = {
+        {"with leopold", {builtIn.front(), leopold}, "leopold", "Leopold \xC2\xB7 Fixed strength", "", false},
+        {"without leopold", builtIn, builtIn.front().id, builtIn.front().name + " \xC2\xB7 Fixed strength", "", true},
+        {"no packs", {}, "leopold", "No pack \xC2\xB7 Fixed strength", "No sound packs found.", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(folder / "config");
+        packs = c.packs;
+        auto model = start();
+        EXPECT_EQ(model->selectedPackID().toStdString(), c.selected);
+        EXPECT_EQ(model->statusLine().toStdString(), c.statusLine);
+        EXPECT_EQ(model->packError().toStdString(), c.packError);
+        EXPECT_EQ(std::filesystem::exists(settingsPath), c.saved);
+        EXPECT_EQ(keyIsHeard(), !c.packs.empty());
+    }
+}
+
+TEST_F(AppModelTest, TheSamePackSetAgainNeitherWritesNorReloadsAndAnotherIsSavedAndLoaded) {
+    auto model = start();
+    std::filesystem::remove(settingsPath);
+    model->setSelectedPackID(model->selectedPackID());
+    EXPECT_FALSE(model->isLoadingPack());
+    EXPECT_FALSE(std::filesystem::exists(settingsPath));
+
+    const PackInfo other = packs.at(1);
+    model->select(other);
+    EXPECT_TRUE(model->isLoadingPack());
+    ASSERT_TRUE(until([&] { return !model->isLoadingPack(); }));
+    EXPECT_NE(contents(settingsPath).find("\"selectedPack\": \"" + other.id + "\""), std::string::npos);
+    EXPECT_EQ(model->packError().toStdString(), "");
+    EXPECT_TRUE(keyIsHeard());
+}
+
+TEST_F(AppModelTest, APackThatFailsToLoadNamesItselfAndTheEnginePlaysNothing) {
+    PackInfo broken = packs.front();
+    broken.id = "broken";
+    broken.name = "Broken";
+    broken.directory = folder / "nowhere";
+    packs.push_back(broken);
+    auto model = start();
+    ASSERT_TRUE(keyIsHeard());
+    model->select(broken);
+    ASSERT_TRUE(until([&] { return !model->isLoadingPack(); }));
+    EXPECT_EQ(model->packError().toStdString(),
+              "Broken couldn't load: No pack.json in " + (folder / "nowhere").string());
+    EXPECT_TRUE(keyIsSilent());
+}
+
+TEST_F(AppModelTest, TheShortcutToggledTwiceRestoresAndSavesEnabled) {
+    auto model = start();
+    ASSERT_EQ(model->shortcutStatus().kind, GlobalHotkey::Status::Kind::active);
+    EXPECT_EQ(model->shortcutProblem().toStdString(), "");
+    pressShortcut();
+    ASSERT_TRUE(until([&] { return !model->settings().enabled; }));
+    EXPECT_EQ(model->statusLine().toStdString(), "Off");
+    EXPECT_NE(contents(settingsPath).find("\"enabled\": false"), std::string::npos);
+    EXPECT_TRUE(keyIsSilent());
+
+    pressShortcut();
+    ASSERT_TRUE(until([&] { return model->settings().enabled; }));
+    EXPECT_NE(contents(settingsPath).find("\"enabled\": true"), std::string::npos);
+    EXPECT_TRUE(keyIsHeard());
+    model.reset();
+    EXPECT_TRUE(start()->settings().enabled);
+}
+
+TEST_F(AppModelTest, AMicrophoneInUsePausesAndTurningQuietDuringCallsOffResumesAtOnce) {
+    auto model = start();
+    ASSERT_TRUE(mic->running);
+    mic->report(true);
+    ASSERT_TRUE(until([&] { return model->micInUse(); }));
+    EXPECT_FALSE(model->playing());
+    EXPECT_EQ(model->statusLine().toStdString(), "Paused while the mic is in use");
+    EXPECT_TRUE(keyIsSilent());
+
+    EngineSettings settings = model->settings();
+    settings.quietDuringCalls = false;
+    model->setSettings(settings);
+    EXPECT_TRUE(model->playing());
+    EXPECT_FALSE(mic->running);
+    EXPECT_TRUE(keyIsHeard());
+    // Reports of a watch that was stopped change nothing.
+    mic->report(false);
+    mic->report(true);
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(model->playing());
+}
+
+TEST_F(AppModelTest, TheStatusLineInEachOfItsCases) {
+    const std::string pack = packs.front().name;
+    struct Case {
+        const char* name;
+        KeyboardAccess access;
+        bool enabled;
+        bool micInUse;
+        bool sensor;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"off", KeyboardAccess::granted, false, true, false, "Off"},
+        {"call", KeyboardAccess::granted, true, true, false, "Paused while the mic is in use"},
+        {"fixed", KeyboardAccess::granted, true, false, false, pack + " \xC2\xB7 Fixed strength"},
+        {"sensed", KeyboardAccess::granted, true, false, true, pack + " \xC2\xB7 Force sensing on"},
+        {"no access", KeyboardAccess::denied, true, false, false, "Needs keyboard access"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        access = c.access;
+        sensor = c.sensor ? std::make_shared<ForceSensor>(nullptr) : nullptr;
+        auto model = start();
+        EngineSettings settings = model->settings();
+        settings.enabled = c.enabled;
+        model->setSettings(settings);
+        if (c.micInUse) mic->report(true);
+        ASSERT_TRUE(until([&] { return model->micInUse() == c.micInUse; }));
+        EXPECT_EQ(model->statusLine().toStdString(), c.expected);
+        EXPECT_EQ(model->sensorAvailable(), c.sensor);
+        EXPECT_EQ(model->effectiveSettings().forceSensing, c.sensor);
+    }
+}
+
+TEST_F(AppModelTest, LaunchAtLoginWritesTheAutostartEntryAndReadsItBack) {
+    auto model = start();
+    EXPECT_FALSE(model->launchAtLogin());
+    model->setLaunchAtLogin(true);
+    EXPECT_TRUE(model->launchAtLogin());
+    EXPECT_TRUE(std::filesystem::exists(folder / "autostart/tobrin.desktop"));
+    EXPECT_TRUE(start()->launchAtLogin());
+    model->setLaunchAtLogin(false);
+    EXPECT_FALSE(model->launchAtLogin());
+}
+
+// A bus of its own where this test may own logind's name.
+class PrivateBus {
+public:
+    explicit PrivateBus(const test::TemporaryFolder& folder)
+        : address_("unix:path=" + (folder / "bus").string()),
+          daemon_({"/usr/bin/dbus-daemon", "--session", "--nofork", "--address=" + address_}, {},
+                  (folder / "dbus.log").string()) {}
+    const std::string& address() const { return address_; }
+
+private:
+    std::string address_;
+    test::RunningProgram daemon_;
+};
+
+TEST_F(AppModelTest, LogindsWakeSignalOnTheSystemBusRefreshesTheMicrophoneWatch) {
+    PrivateBus bus(folder);
+    ASSERT_TRUE(test::eventually([&] { return std::filesystem::exists(folder / "bus"); }));
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+    {
+        auto logind = QDBusConnection::connectToBus(QString::fromStdString(bus.address()), "logind");
+        ASSERT_TRUE(logind.isConnected());
+        ASSERT_TRUE(logind.registerService("org.freedesktop.login1"));
+        LogindWake wake;
+        ASSERT_TRUE(wake.isConnected());
+        auto parts = this->parts();
+        parts.wakeSource = &wake;
+        AppModel model(std::move(parts));
+        const auto send = [&](bool sleeping) {
+            auto signal = QDBusMessage::createSignal("/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                                     "PrepareForSleep");
+            signal << sleeping;
+            ASSERT_TRUE(logind.send(signal));
+        };
+        send(true);
+        send(false);
+        EXPECT_TRUE(until([&] { return mic->refreshes == 1; }));
+        // Going to sleep is not a wake.
+        send(true);
+        until([] { return false; }, 300ms);
+        EXPECT_EQ(mic->refreshes, 1);
+    }
+    QDBusConnection::disconnectFromBus("logind");
+}
+
+} // namespace
+} // namespace tobrin::app

@@ -1,0 +1,156 @@
+// The built tobrin run as a user runs it: on a private X server and a
+// private PipeWire, typed at through XTEST and heard at the sink's monitor.
+#include "Support/Eventually.h"
+#include "Support/IndependentReaders.h"
+#include "Support/PrivateXServer.h"
+#include "Support/RunningProgram.h"
+#include "Support/SoundServers.h"
+#include "Support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
+
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace tobrin {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = test::SinkCapture::Clock;
+
+std::string contents(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The environment of a user session on the private servers, with its own
+// configuration folder and the built-in packs of this build.
+class Session {
+public:
+    Session() : server(test::SoundServerKind::PipeWire), capture(test::PrivateSoundServer::defaultSink) {}
+
+    std::map<std::string, std::string> environment() const {
+        return {{"DISPLAY", x.display()},
+                {"XDG_CONFIG_HOME", (folder / "config").string()},
+                {"XDG_DATA_HOME", (folder / "data").string()},
+                {"XDG_SESSION_TYPE", "x11"},
+                {"WAYLAND_DISPLAY", ""},
+                {"TOBRIN_PACKS", TOBRIN_BUILT_IN_PACKS_DIR},
+                {"TOBRIN_AUDIO", ""},
+                {"TOBRIN_KEYS", ""}};
+    }
+    std::unique_ptr<test::RunningProgram> run(const std::vector<std::string>& arguments, const std::string& log) {
+        std::vector<std::string> words{TOBRIN_APP};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        return std::make_unique<test::RunningProgram>(words, environment(), (folder / log).string());
+    }
+    std::filesystem::path settings() const { return folder / "config/tobrin/settings.json"; }
+
+    // Types keys until one is heard (the program is up) or time runs out.
+    std::optional<Clock::time_point> typeUntilHeard(std::chrono::milliseconds timeout) {
+        const auto deadline = Clock::now() + timeout;
+        while (Clock::now() < deadline) {
+            const auto typed = Clock::now();
+            keyboard.tap(KEY_A);
+            keyboard.sync();
+            if (auto heard = capture.soundAfter(typed, 100ms)) return heard;
+        }
+        return std::nullopt;
+    }
+    // Types a few keys and says whether none of them was heard.
+    bool typingIsSilent() {
+        const auto since = Clock::now();
+        for (int key = 0; key < 5; ++key) {
+            keyboard.tap(KEY_S);
+            keyboard.sync();
+            std::this_thread::sleep_for(60ms);
+        }
+        return !capture.soundAfter(since, 300ms).has_value();
+    }
+    void pressShortcut() {
+        for (auto code : {KEY_LEFTCTRL, KEY_LEFTALT, KEY_LEFTMETA, KEY_K}) keyboard.press(std::uint16_t(code));
+        for (auto code : {KEY_K, KEY_LEFTMETA, KEY_LEFTALT, KEY_LEFTCTRL}) keyboard.release(std::uint16_t(code));
+        keyboard.sync();
+    }
+    bool settingsSay(const std::string& text, std::chrono::milliseconds timeout = 3000ms) {
+        return test::eventually([&] { return contents(settings()).find(text) != std::string::npos; }, timeout);
+    }
+
+    test::TemporaryFolder folder;
+    test::PrivateSoundServer server;
+    test::PrivateXServer x;
+    test::FakeKeyboard keyboard{x.display()};
+    test::SinkCapture capture;
+};
+
+TEST(Program, TypingIsHeardTheShortcutSilencesAndRestoresAndSigtermEndsItCleanly) {
+    Session session;
+    ASSERT_TRUE(session.capture.waitUntilCapturing(3000ms));
+    auto tobrin = session.run({}, "tobrin.log");
+    ASSERT_TRUE(session.typeUntilHeard(10s)) << tobrin->output();
+
+    // A second start hands over to the running one and leaves.
+    auto second = session.run({}, "second.log");
+    EXPECT_EQ(second->wait(5s), 0) << second->output();
+    EXPECT_FALSE(tobrin->wait(0ms));
+
+    session.pressShortcut();
+    ASSERT_TRUE(session.settingsSay("\"enabled\": false")) << tobrin->output();
+    // The shortcut's modifiers sound as they go down; let them ring out.
+    std::this_thread::sleep_for(500ms);
+    EXPECT_TRUE(session.typingIsSilent());
+    session.pressShortcut();
+    ASSERT_TRUE(session.settingsSay("\"enabled\": true"));
+    EXPECT_TRUE(session.typeUntilHeard(2s));
+
+    const auto asked = Clock::now();
+    tobrin->signal(SIGTERM);
+    EXPECT_EQ(tobrin->wait(1000ms), 0) << tobrin->output();
+    EXPECT_LT(Clock::now() - asked, 1000ms);
+    const auto saved = nlohmann::json::parse(contents(session.settings()));
+    EXPECT_EQ(saved.at("engineSettings").at("enabled"), true);
+    EXPECT_EQ(saved.at("selectedPack"), "blue-click");
+}
+
+TEST(Program, TheSelfTestPassesOnRealServersAndFailsInWordsWithoutThem) {
+    Session session;
+    auto passing = session.run({"--selftest"}, "selftest.log");
+    ASSERT_EQ(passing->wait(20s), 0) << passing->output();
+    const std::string output = passing->output();
+    EXPECT_TRUE(std::regex_match(output, std::regex("((PASS|SKIP)  [^\n]+\n)+All checks passed\\.\n"))) << output;
+    EXPECT_EQ(output.find("SKIP  motion sensor (not on this computer)\n") != std::string::npos, true);
+
+    auto environment = session.environment();
+    environment["DISPLAY"] = "";
+    environment["XDG_RUNTIME_DIR"] = (session.folder / "nothing").string();
+    environment["PIPEWIRE_RUNTIME_DIR"] = (session.folder / "nothing").string();
+    environment["PULSE_SERVER"] = "unix:" + (session.folder / "nothing/native").string();
+    environment["TOBRIN_KEYS"] = "x11";
+    test::RunningProgram failing({TOBRIN_APP, "--selftest"}, environment, (session.folder / "failing.log").string());
+    ASSERT_EQ(failing.wait(20s), 1) << failing.output();
+    const std::string failed = failing.output();
+    EXPECT_NE(failed.find("FAIL  keyboard capture (keyboard access): "), std::string::npos) << failed;
+    EXPECT_NE(failed.find("FAIL  audio engine running: no sound server"), std::string::npos) << failed;
+    EXPECT_TRUE(std::regex_search(failed, std::regex("\n[0-9]+ check\\(s\\) failed\\.\n$"))) << failed;
+}
+
+TEST(Program, HelpPrintsTheUsageTextExactly) {
+    const auto result = testing::runCommand(testing::quoted(TOBRIN_APP) + " --help");
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output,
+              "Tobrin, velocity-sensitive keyboard sounds.\n"
+              "  (no arguments)   run the tray app\n"
+              "  --probe [secs]   measure how your keystrokes register on the motion sensor\n"
+              "  --selftest       check key capture, audio engine and sensor (muted)\n"
+              "  --micwatch [secs] show when apps take and release the microphone (\"Quiet during calls\")\n");
+    EXPECT_EQ(testing::runCommand(testing::quoted(TOBRIN_APP) + " -h").output, result.output);
+}
+
+} // namespace
+} // namespace tobrin

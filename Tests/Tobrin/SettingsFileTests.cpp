@@ -1,0 +1,166 @@
+// The settings file and the autostart entry on a real disk.
+#include "LoginItem.h"
+#include "SettingsFile.h"
+
+#include "Support/ChildProcess.h"
+#include "Support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace tobrin::app {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string contents(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void write(const std::filesystem::path& file, const std::string& text) {
+    std::ofstream(file, std::ios::binary) << text;
+}
+
+StoredState customState() {
+    StoredState state;
+    state.settings.volume = 0.25f;
+    state.settings.enabled = false;
+    state.settings.shortcut = Hotkey::presets[2];
+    state.selectedPack = "ocean";
+    return state;
+}
+
+TEST(SettingsFile, WhatIsSavedLoadsBackAndAMissingFileGivesTheDefaultsQuietly) {
+    test::TemporaryFolder folder;
+    const SettingsFile file(folder / "nested/tobrin/settings.json");
+    const auto fresh = file.load();
+    EXPECT_EQ(fresh.state, StoredState{});
+    EXPECT_EQ(fresh.problem, "");
+
+    ASSERT_EQ(file.save(customState()), "");
+    const auto loaded = file.load();
+    EXPECT_EQ(loaded.state, customState());
+    EXPECT_EQ(loaded.problem, "");
+    EXPECT_NE(contents(file.path()).find("\"selectedPack\": \"ocean\""), std::string::npos);
+}
+
+TEST(SettingsFile, ABadFileGivesTheDefaultsForWhatDidNotDecodeAndIsKeptAsideUntouched) {
+    const std::string valid = "{\"engineSettings\": {\"volume\": 0.3, \"enabled\": false}, \"selectedPack\": \"ocean\"}";
+    struct Case {
+        const char* name;
+        std::string text; // empty with `folder`: a folder in the way
+        bool folder;
+        StoredState expected;
+    };
+    StoredState packKept;
+    packKept.selectedPack = "ocean";
+    StoredState settingsKept;
+    settingsKept.settings.volume = 0.3f;
+    const Case cases[] = {
+        {"truncated", valid.substr(0, valid.size() / 2), false, {}},
+        {"not JSON", "volume = 0.3\n", false, {}},
+        {"not an object", "[1, 2]", false, {}},
+        {"wrong type of settings", "{\"engineSettings\": {\"volume\": \"loud\"}, \"selectedPack\": \"ocean\"}", false,
+         packKept},
+        {"wrong type of pack", "{\"engineSettings\": {\"volume\": 0.3}, \"selectedPack\": 3}", false, settingsKept},
+        {"0 bytes", "", false, {}},
+        {"a folder", "", true, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::TemporaryFolder folder;
+        const SettingsFile file(folder / "settings.json");
+        if (c.folder) {
+            std::filesystem::create_directory(file.path());
+            write(file.path() / "inside", "mine");
+        } else {
+            write(file.path(), c.text);
+        }
+        const auto loaded = file.load();
+        EXPECT_EQ(loaded.state, c.expected);
+        EXPECT_NE(loaded.problem, "");
+        ASSERT_TRUE(loaded.keptAside);
+        EXPECT_EQ(loaded.keptAside->parent_path(), folder.path());
+        EXPECT_EQ(loaded.keptAside->filename().string().rfind("settings.json.corrupt-", 0), 0u);
+        if (c.folder)
+            EXPECT_EQ(contents(*loaded.keptAside / "inside"), "mine");
+        else
+            EXPECT_EQ(contents(*loaded.keptAside), c.text);
+
+        // The next save writes a fresh file beside the kept one.
+        ASSERT_EQ(file.save(loaded.state), "");
+        EXPECT_EQ(file.load().problem, "");
+        EXPECT_TRUE(std::filesystem::exists(*loaded.keptAside));
+    }
+}
+
+TEST(SettingsFile, TwoBadFilesInOneSecondAreBothKept) {
+    test::TemporaryFolder folder;
+    const SettingsFile file(folder / "settings.json");
+    write(file.path(), "first");
+    const auto first = file.load().keptAside;
+    write(file.path(), "second");
+    const auto second = file.load().keptAside;
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(*first, *second);
+    EXPECT_EQ(contents(*first), "first");
+    EXPECT_EQ(contents(*second), "second");
+}
+
+TEST(SettingsFile, AFolderThatCannotBeWrittenGivesAMessageNotAFailure) {
+    // /proc refuses new files whoever asks, root included.
+    const SettingsFile file("/proc/self/tobrin/settings.json");
+    EXPECT_EQ(file.load().problem, "");
+    EXPECT_NE(file.save(customState()), "");
+}
+
+TEST(SettingsFile, AWriterKilledAtAnyMomentNeverLeavesAnUnreadableFile) {
+    test::TemporaryFolder folder;
+    const SettingsFile file(folder / "settings.json");
+    for (int round = 0; round < 40; ++round) {
+        test::ChildProcess writer([&](const std::function<void()>& ready) {
+            StoredState state = customState();
+            for (int index = 0;; ++index) {
+                state.settings.volume = float(index % 100) / 100.0f;
+                state.selectedPack = std::string(std::size_t(index % 300), 'p');
+                if (!file.save(state).empty()) return 1;
+                if (index == 3) ready();
+            }
+        });
+        ASSERT_TRUE(writer.waitUntilReady(5s));
+        std::this_thread::sleep_for(std::chrono::microseconds(round * 97 % 2000));
+        writer.kill();
+        ASSERT_EQ(writer.wait(), 128 + SIGKILL);
+        const auto loaded = file.load();
+        ASSERT_EQ(loaded.problem, "") << "after round " << round;
+        EXPECT_EQ(loaded.state.settings.shortcut, customState().settings.shortcut);
+    }
+}
+
+TEST(LoginItem, TheAutostartEntryStartsThisExecutableAndOnlyAnEnabledEntryCounts) {
+    test::TemporaryFolder folder;
+    const auto entry = folder / "autostart/tobrin.desktop";
+    const LoginItem item(entry, "/opt/my apps/to%brin");
+    EXPECT_FALSE(item.isEnabled());
+    ASSERT_EQ(item.setEnabled(true), "");
+    EXPECT_TRUE(item.isEnabled());
+    const std::string text = contents(entry);
+    EXPECT_EQ(text.rfind("[Desktop Entry]\n", 0), 0u);
+    EXPECT_NE(text.find("\nExec=\"/opt/my apps/to%%brin\"\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nType=Application\n"), std::string::npos);
+
+    // A desktop's start-up settings switch an entry off without removing it.
+    write(entry, text + "Hidden=true\n");
+    EXPECT_FALSE(item.isEnabled());
+    ASSERT_EQ(item.setEnabled(false), "");
+    EXPECT_FALSE(std::filesystem::exists(entry));
+    EXPECT_NE(LoginItem("/proc/self/autostart/tobrin.desktop", "/bin/true").setEnabled(true), "");
+}
+
+} // namespace
+} // namespace tobrin::app
