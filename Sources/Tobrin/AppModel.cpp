@@ -77,8 +77,8 @@ AppModel::AppModel(Parts parts, QObject* parent)
         settings_ = loaded.state.settings;
         storedPack = loaded.state.selectedPack;
     }
-    selectedPackID_ = QString::fromStdString(parts.previewPack ? *parts.previewPack
-                                                               : storedPack.value_or(defaultPackID));
+    selectedPackID_ =
+        QString::fromStdString(parts.previewPack ? *parts.previewPack : storedPack.value_or(defaultPackID));
 
     // 3-4: the engine.
     if (!audio_) audio_ = std::make_shared<AudioOutput>();
@@ -192,9 +192,7 @@ void AppModel::persist() {
     lastSaveError_ = error;
 }
 
-PlaybackGate AppModel::gate() const {
-    return PlaybackGate{settings_.enabled, settings_.quietDuringCalls, micInUse_};
-}
+PlaybackGate AppModel::gate() const { return PlaybackGate{settings_.enabled, settings_.quietDuringCalls, micInUse_}; }
 
 EngineSettings AppModel::effectiveSettings() const {
     EngineSettings effective = settings_;

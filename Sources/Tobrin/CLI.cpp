@@ -28,12 +28,11 @@
 
 namespace tobrin::app::CLI {
 
-const char* const usage =
-    "Tobrin, velocity-sensitive keyboard sounds.\n"
-    "  (no arguments)   run the tray app\n"
-    "  --probe [secs]   measure how your keystrokes register on the motion sensor\n"
-    "  --selftest       check key capture, audio engine and sensor (muted)\n"
-    "  --micwatch [secs] show when apps take and release the microphone (\"Quiet during calls\")";
+const char* const usage = "Tobrin, velocity-sensitive keyboard sounds.\n"
+                          "  (no arguments)   run the tray app\n"
+                          "  --probe [secs]   measure how your keystrokes register on the motion sensor\n"
+                          "  --selftest       check key capture, audio engine and sensor (muted)\n"
+                          "  --micwatch [secs] show when apps take and release the microphone (\"Quiet during calls\")";
 
 namespace {
 
@@ -92,8 +91,7 @@ double parseSeconds(const std::vector<std::string>& arguments, double fallback) 
     const std::string& text = arguments[1];
     double value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value) || value < 0)
-        return fallback;
+    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value) || value < 0) return fallback;
     return value;
 }
 
@@ -164,8 +162,8 @@ int probe(double seconds) {
                 whole);
     std::fflush(stdout);
     const auto started = std::chrono::steady_clock::now();
-    const auto deadline = started + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                        std::chrono::duration<double>(seconds));
+    const auto deadline =
+        started + std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
     const std::uint64_t reportsAtStart = sensor.reportsReceived();
     while (std::chrono::steady_clock::now() < deadline) {
         sleepFor(0.1s);
@@ -253,7 +251,8 @@ int selfTest() {
 
     std::shared_ptr<const LoadedPack> pack;
     if (!packs.empty()) {
-        const auto chosen = std::find_if(packs.begin(), packs.end(), [](const PackInfo& p) { return p.id == "leopold"; });
+        const auto chosen =
+            std::find_if(packs.begin(), packs.end(), [](const PackInfo& p) { return p.id == "leopold"; });
         const PackInfo& info = chosen != packs.end() ? *chosen : packs.front();
         try {
             pack = LoadedPack::load(info, AudioOutput::sampleRate);

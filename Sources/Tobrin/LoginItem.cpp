@@ -28,8 +28,8 @@ std::string execArgument(const std::string& path) {
             continue;
         }
         if (c == '"' || c == '`' || c == '$' || c == '\\') escaped += '\\';
-        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '/' || c == '.' || c == '-' || c == '_' ||
-              c == '+' || c == '%'))
+        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '/' || c == '.' || c == '-' || c == '_' || c == '+' ||
+              c == '%'))
             needsQuotes = true;
         escaped += c;
     }

@@ -20,9 +20,9 @@ class SingleInstance : public QObject {
     Q_OBJECT
 public:
     enum class Outcome {
-        first,          // this process runs Tobrin
-        handedOver,     // the running one was asked to show its panel
-        noAnswer,       // another holds the claim but did not answer in time
+        first,      // this process runs Tobrin
+        handedOver, // the running one was asked to show its panel
+        noAnswer,   // another holds the claim but did not answer in time
     };
 
     // `folder`: where the lock and the socket live ($XDG_RUNTIME_DIR, else

@@ -28,8 +28,9 @@ namespace tobrin::test {
 class RunningProgram {
 public:
     // `environment`: variables to set (an empty value unsets one).
+    // `folder`: the working folder (empty: this process's).
     RunningProgram(const std::vector<std::string>& words, const std::map<std::string, std::string>& environment,
-                   const std::string& outputFile)
+                   const std::string& outputFile, const std::string& folder = {})
         : outputFile_(outputFile) {
         std::map<std::string, std::string> merged;
         for (char** entry = environ; *entry; ++entry) {
@@ -57,6 +58,7 @@ public:
         posix_spawn_file_actions_addopen(&actions, 1, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
         posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        if (!folder.empty()) posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
         const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
         posix_spawn_file_actions_destroy(&actions);
         if (spawned != 0) throw std::runtime_error("cannot start " + words.front());

@@ -139,8 +139,7 @@ protected:
     test::TemporaryFolder folder;
     std::filesystem::path settingsPath = folder / "config/tobrin/settings.json";
     std::vector<PackInfo> packs = PackLibrary::discover(TOBRIN_BUILT_IN_PACKS_DIR, true);
-    std::shared_ptr<AudioOutput> audio =
-        std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
+    std::shared_ptr<AudioOutput> audio = std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
     std::shared_ptr<ForceSensor> sensor;
     KeyboardAccess access = KeyboardAccess::granted;
     test::PipeKeyboards keyboards;

@@ -1,5 +1,8 @@
 // The built tobrin run as a user runs it: on a private X server and a
 // private PipeWire, typed at through XTEST and heard at the sink's monitor.
+#include "TobrinKit/Force/ForceSensor.h"
+#include "TobrinKit/Force/SensorRecording.h"
+
 #include "Support/Eventually.h"
 #include "Support/IndependentReaders.h"
 #include "Support/PrivateXServer.h"
@@ -45,10 +48,13 @@ public:
                 {"TOBRIN_AUDIO", ""},
                 {"TOBRIN_KEYS", ""}};
     }
-    std::unique_ptr<test::RunningProgram> run(const std::vector<std::string>& arguments, const std::string& log) {
+    std::unique_ptr<test::RunningProgram> run(const std::vector<std::string>& arguments, const std::string& log,
+                                              std::map<std::string, std::string> extra = {}) {
         std::vector<std::string> words{TOBRIN_APP};
         words.insert(words.end(), arguments.begin(), arguments.end());
-        return std::make_unique<test::RunningProgram>(words, environment(), (folder / log).string());
+        auto variables = environment();
+        for (auto& [name, value] : extra) variables[name] = value;
+        return std::make_unique<test::RunningProgram>(words, variables, (folder / log).string(), folder.path());
     }
     std::filesystem::path settings() const { return folder / "config/tobrin/settings.json"; }
 
@@ -74,8 +80,9 @@ public:
         return !capture.soundAfter(since, 300ms).has_value();
     }
     void pressShortcut() {
-        for (auto code : {KEY_LEFTCTRL, KEY_LEFTALT, KEY_LEFTMETA, KEY_K}) keyboard.press(std::uint16_t(code));
-        for (auto code : {KEY_K, KEY_LEFTMETA, KEY_LEFTALT, KEY_LEFTCTRL}) keyboard.release(std::uint16_t(code));
+        const std::uint16_t keys[] = {KEY_LEFTCTRL, KEY_LEFTALT, KEY_LEFTMETA, KEY_K};
+        for (auto code : keys) keyboard.press(code);
+        for (auto code = std::rbegin(keys); code != std::rend(keys); ++code) keyboard.release(*code);
         keyboard.sync();
     }
     bool settingsSay(const std::string& text, std::chrono::milliseconds timeout = 3000ms) {
@@ -138,6 +145,55 @@ TEST(Program, TheSelfTestPassesOnRealServersAndFailsInWordsWithoutThem) {
     EXPECT_NE(failed.find("FAIL  keyboard capture (keyboard access): "), std::string::npos) << failed;
     EXPECT_NE(failed.find("FAIL  audio engine running: no sound server"), std::string::npos) << failed;
     EXPECT_TRUE(std::regex_search(failed, std::regex("\n[0-9]+ check\\(s\\) failed\\.\n$"))) << failed;
+}
+
+// A sensor at rest with a sharp tap every 100 ms, for 6 s.
+std::filesystem::path tappingReplay(const std::filesystem::path& file) {
+    SensorRecording recording;
+    for (std::uint64_t ms = 0; ms < 6000; ++ms) {
+        const double x = ms % 100 == 50 ? 0.8 : 0.0;
+        const auto report = ForceSensor::encodeReport({x, 0, 1});
+        recording.append(ms * 1'000'000, report);
+    }
+    recording.write(file);
+    return file;
+}
+
+TEST(Program, TheProbeWritesBothFilesInTheirFormatAndARecordingOfTheSensor) {
+    Session session;
+    const auto replay = tappingReplay(session.folder / "taps.replay");
+    auto probe = session.run({"--probe", "2"}, "probe.log", {{"TOBRIN_SENSOR_REPLAY", replay.string()}});
+    ASSERT_TRUE(
+        test::eventually([&] { return probe->output().find("a few really hard hits.") != std::string::npos; }, 5000ms))
+        << probe->output();
+    const std::uint16_t keys[] = {KEY_A, KEY_SPACE, KEY_ENTER, KEY_B};
+    for (auto key : keys) {
+        session.keyboard.tap(key);
+        session.keyboard.sync();
+        std::this_thread::sleep_for(150ms);
+    }
+    ASSERT_EQ(probe->wait(10s), 0) << probe->output();
+    const std::string output = probe->output();
+    EXPECT_NE(output.find("Keystrokes: 4   sensor: "), std::string::npos) << output;
+    EXPECT_NE(output.find("Impacts inside the engine's [-12, +14] ms window: "), std::string::npos);
+
+    std::smatch saved;
+    ASSERT_TRUE(std::regex_search(output, saved, std::regex("Saved: (probe-[0-9-]+\\.csv) ")));
+    const auto csv = session.folder / saved[1].str();
+    auto traces = csv;
+    traces.replace_extension();
+    const auto replayed = traces.string() + "-sensor.replay";
+    traces += "-traces.csv";
+    EXPECT_TRUE(std::regex_match(contents(csv), std::regex("index,group,offset_ms,peak_g\n"
+                                                           "0,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
+                                                           "1,space,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
+                                                           "2,enter,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
+                                                           "3,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n")))
+        << contents(csv);
+    EXPECT_TRUE(std::regex_match(contents(traces),
+                                 std::regex("index,dt_ms,value_g\n([0-3],-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n)+")));
+    // About 1000 reports a second were recorded, in the replay format.
+    EXPECT_GT(SensorRecording::read(replayed).size(), 1500u);
 }
 
 TEST(Program, HelpPrintsTheUsageTextExactly) {

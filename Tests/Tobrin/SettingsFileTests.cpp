@@ -50,7 +50,8 @@ TEST(SettingsFile, WhatIsSavedLoadsBackAndAMissingFileGivesTheDefaultsQuietly) {
 }
 
 TEST(SettingsFile, ABadFileGivesTheDefaultsForWhatDidNotDecodeAndIsKeptAsideUntouched) {
-    const std::string valid = "{\"engineSettings\": {\"volume\": 0.3, \"enabled\": false}, \"selectedPack\": \"ocean\"}";
+    const std::string valid =
+        "{\"engineSettings\": {\"volume\": 0.3, \"enabled\": false}, \"selectedPack\": \"ocean\"}";
     struct Case {
         const char* name;
         std::string text; // empty with `folder`: a folder in the way
