@@ -13,6 +13,7 @@
 
 #include "Support/Eventually.h"
 #include "Support/PipeKeyboards.h"
+#include "Support/QtApplication.h"
 #include "Support/RunningProgram.h"
 #include "Support/TemporaryFolder.h"
 
@@ -31,15 +32,6 @@ namespace tobrin::app {
 namespace {
 
 using namespace std::chrono_literals;
-
-void ensureApplication() {
-    static int argc = 1;
-    static char name[] = "AppTests";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
-    // A write to a keyboard whose monitor has gone fails instead of ending the tests.
-    ::signal(SIGPIPE, SIG_IGN);
-}
 
 // Runs the event loop until `predicate` holds or the time runs out.
 template <typename Predicate>
@@ -84,7 +76,7 @@ std::string contents(const std::filesystem::path& file) {
 
 class AppModelTest : public ::testing::Test {
 protected:
-    AppModelTest() { ensureApplication(); }
+    AppModelTest() { test::ensureQtApplication(); }
 
     AppModel::Parts parts() {
         AppModel::Parts parts;
