@@ -72,7 +72,7 @@ AppModel::AppModel(Parts parts, QObject* parent)
                                   : "; it could not be moved aside and will not be overwritten") +
                 "; using the defaults for what could not be read");
             // A bad file that stays in place is never overwritten.
-            if (!loaded.keptAside) lastSaveError_ = "kept";
+            keepBadFile_ = !loaded.keptAside;
         }
         settings_ = loaded.state.settings;
         storedPack = loaded.state.selectedPack;
@@ -183,7 +183,7 @@ void AppModel::toggleEnabled() {
 }
 
 void AppModel::persist() {
-    if (!settingsFile_ || lastSaveError_ == "kept") return;
+    if (!settingsFile_ || keepBadFile_) return;
     const std::string error = settingsFile_->save({settings_, selectedPackID_.toStdString()});
     // One line per new problem: a slider dragged over a read-only folder
     // should not flood the log.

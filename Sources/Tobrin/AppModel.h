@@ -215,6 +215,7 @@ private:
     QString statusLine_;
     bool playing_ = false;
     std::string lastSaveError_;
+    bool keepBadFile_ = false; // a bad settings file could not be moved aside
 
     std::shared_ptr<AudioOutput> audio_;
     std::shared_ptr<ForceSensor> sensor_;
