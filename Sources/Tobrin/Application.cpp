@@ -10,21 +10,21 @@
 #include "TobrinKit/Input/X11/X11Keys.h"
 
 #include <QApplication>
-#include <QCoreApplication>
 
 #include <cstdlib>
-#include <memory>
 
 namespace tobrin::app {
 namespace {
 
-// Qt ends the process when its platform cannot connect to a display, so a
-// QApplication is made only when one answers; otherwise Tobrin runs without
-// a window (sounds work, from the evdev keyboards).
+// Qt ends the process when its platform cannot connect to a display, so
+// without a display (or with one that does not answer) Tobrin falls back to
+// Qt's offscreen platform and runs without a window: sounds still play, from
+// the evdev keyboards. Asking Qt for the fallback costs no extra connection
+// to the display server, which would delay the first sound.
 bool hasDisplay() {
-    if (const char* platform = std::getenv("QT_QPA_PLATFORM"); platform && *platform) return true;
     const char* display = std::getenv("DISPLAY");
-    return display && *display && X11Keys::isReachable(display);
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (display && *display) || (wayland && *wayland);
 }
 
 } // namespace
@@ -40,16 +40,18 @@ void registerPlatform() {
 }
 
 int runApplication(int argc, char** argv) {
-    std::unique_ptr<QCoreApplication> application;
-    if (hasDisplay()) {
-        auto gui = std::make_unique<QApplication>(argc, argv);
-        // The panel closes and opens; the program lives on in the tray.
-        QApplication::setQuitOnLastWindowClosed(false);
-        application = std::move(gui);
-    } else {
+    const char* platform = std::getenv("QT_QPA_PLATFORM");
+    if (!hasDisplay() && !(platform && *platform)) {
         log("Tobrin: no display; running without the tray (sounds still play)");
-        application = std::make_unique<QCoreApplication>(argc, argv);
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    } else if (!(platform && *platform)) {
+        // Qt tries these in turn: the session's own, then no window at all.
+        const char* wayland = std::getenv("WAYLAND_DISPLAY");
+        ::setenv("QT_QPA_PLATFORM", wayland && *wayland ? "wayland;xcb;offscreen" : "xcb;offscreen", 1);
     }
+    QApplication application(argc, argv);
+    // The panel closes and opens; the program lives on in the tray.
+    QApplication::setQuitOnLastWindowClosed(false);
     QCoreApplication::setApplicationName(QStringLiteral("Tobrin"));
     QuitOnSignals quitOnSignals;
 
@@ -69,7 +71,7 @@ int runApplication(int argc, char** argv) {
     AppModel model(std::move(parts));
     QObject::connect(&instance, &SingleInstance::activated, &model, &AppModel::requestPanel);
     QObject::connect(&model, &AppModel::aboutToRelaunch, &instance, &SingleInstance::release);
-    return application->exec();
+    return QApplication::exec();
 }
 
 } // namespace tobrin::app

@@ -80,6 +80,9 @@ protected:
 
     AppModel::Parts parts() {
         AppModel::Parts parts;
+        // An output of its own: the mixer of a model that is gone may still
+        // hold voices of its pack, which must never play again.
+        audio = std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
         parts.audio = audio;
         parts.sensor = sensor;
         KeySourceFactory pipes;
