@@ -7,6 +7,7 @@
 //
 // A suite using it defines TOBRIN_SOUND_SERVERS_SCRIPT (the script's path).
 
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -59,14 +60,17 @@ public:
         char folder[] = "/tmp/tobrin-sound-XXXXXX";
         if (!::mkdtemp(folder)) throw std::runtime_error("no temporary folder for the sound server");
         folder_ = folder;
+        guard();
         if (!start()) {
             stop();
+            releaseGuardian();
             throw std::runtime_error(std::string("the private ") + serverName(kind) + " did not start");
         }
     }
 
     ~PrivateSoundServer() {
         stop();
+        releaseGuardian();
         for (const auto& [name, value] : saved_) {
             if (value)
                 ::setenv(name.c_str(), value->c_str(), 1);
@@ -114,6 +118,33 @@ public:
     const std::filesystem::path& folder() const { return folder_; }
 
 private:
+    // A process that outlives this one and stops the servers when it ends in
+    // any way (a failed assertion that aborts, a crash, a time-out's kill):
+    // it waits for the end of a pipe only this process holds open.
+    void guard() {
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) != 0) return;
+        const std::string dir = folder_.string();
+        guardian_ = ::fork();
+        if (guardian_ == 0) {
+            ::setsid(); // not ended with the test's process group
+            ::dup2(fds[0], STDIN_FILENO);
+            ::execl("/bin/sh", "sh", "-c", "cat >/dev/null; \"$0\" stop \"$1\" >/dev/null 2>&1; rm -rf \"$1\"",
+                    TOBRIN_SOUND_SERVERS_SCRIPT, dir.c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        ::close(fds[0]);
+        lifeline_ = fds[1];
+        if (guardian_ < 0) ::close(lifeline_);
+    }
+
+    void releaseGuardian() {
+        if (guardian_ <= 0) return;
+        ::close(lifeline_); // its stop then finds nothing left to do
+        ::waitpid(guardian_, nullptr, 0);
+        guardian_ = -1;
+    }
+
     static std::optional<std::string> script(const std::string& arguments) {
         return commandOutput(std::string("'") + TOBRIN_SOUND_SERVERS_SCRIPT + "' " + arguments);
     }
@@ -121,6 +152,8 @@ private:
     SoundServerKind kind_;
     std::filesystem::path folder_;
     std::map<std::string, std::optional<std::string>> saved_;
+    pid_t guardian_ = -1;
+    int lifeline_ = -1;
 };
 
 // Records `sink`'s monitor with parec in a child process and keeps, for every
