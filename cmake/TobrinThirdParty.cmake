@@ -20,6 +20,9 @@ if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)
   # Keys typed into a private X server.
   pkg_check_modules(XCB_XTEST REQUIRED IMPORTED_TARGET GLOBAL xcb-xtest)
+  # A recording made by the test process itself (the mic watch ignores its own);
+  # also used by the microphone benchmark.
+  pkg_check_modules(PULSE_SIMPLE REQUIRED IMPORTED_TARGET GLOBAL libpulse-simple)
 endif()
 
 # Standalone Asio is header-only. Its configuration travels with this target:

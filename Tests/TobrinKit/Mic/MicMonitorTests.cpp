@@ -1,0 +1,221 @@
+// The microphone watch against real, private PulseAudio and PipeWire servers,
+// recordings made by other processes (parec, pw-record) and by this one. The
+// release delay runs on a clock the tests move by hand.
+#include "TobrinKit/Mic/MicMonitor.h"
+#include "TobrinKit/Mic/Pulse/PulseMicWatch.h"
+
+#include "Support/Eventually.h"
+#include "Support/ManualClock.h"
+#include "Support/MicRecorders.h"
+#include "Support/SoundServers.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+namespace tobrin {
+namespace {
+
+using namespace std::chrono_literals;
+using test::Recorder;
+using test::SoundServerKind;
+
+constexpr auto patience = 5000ms;
+
+// Every onChange, in order.
+class Reports {
+public:
+    void operator()(bool inUse) {
+        std::lock_guard guard(lock_);
+        values_.push_back(inUse);
+        changed_.notify_all();
+    }
+    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = patience) {
+        std::unique_lock guard(lock_);
+        return changed_.wait_for(guard, timeout, [&] { return values_.size() >= count; });
+    }
+    std::vector<bool> values() {
+        std::lock_guard guard(lock_);
+        return values_;
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::vector<bool> values_;
+};
+
+struct ServerCase {
+    SoundServerKind kind;
+    const char* recorder; // the other process that records the default input
+};
+
+class MicMonitorTest : public ::testing::TestWithParam<ServerCase> {
+protected:
+    MicMonitorTest() : server_(GetParam().kind), monitor_(makePulseMicWatch(), {}, clock_) {
+        monitor_.setOnChange([this](bool inUse) { reports_(inUse); });
+    }
+
+    // Starts the monitor and waits for the first report (the state at start).
+    void startWatching() {
+        monitor_.start();
+        ASSERT_TRUE(reports_.waitForCount(1)) << "no first report";
+    }
+
+    Recorder recordDefaultInput() { return Recorder(GetParam().recorder, "tobrin-test-source", server_.folder()); }
+
+    // Waits until the watched state (read on the monitor's queue, so any
+    // release it implies is scheduled) satisfies `wanted`.
+    template <typename Predicate>
+    bool watchedStateBecomes(Predicate wanted) {
+        return test::eventually(
+            [&] {
+                const auto state = monitor_.current();
+                return state && wanted(*state);
+            },
+            patience);
+    }
+    bool watchedInUse(bool inUse) {
+        return watchedStateBecomes([&](const MicActivity& state) { return state.micInUse() == inUse; });
+    }
+
+    // Moves the clock and lets the queue run whatever came due.
+    void advance(std::chrono::nanoseconds by) {
+        clock_->advance(by);
+        (void)monitor_.isRunning();
+    }
+
+    test::PrivateSoundServer server_;
+    std::shared_ptr<test::ManualClock> clock_ = std::make_shared<test::ManualClock>();
+    Reports reports_;
+    MicMonitor monitor_;
+};
+
+TEST_P(MicMonitorTest, ARecordingIsInUseAtOnceAndFreeOnlyAfterTheReleaseDelay) {
+    startWatching();
+    auto recorder = recordDefaultInput();
+    ASSERT_TRUE(reports_.waitForCount(2));
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true}));
+    const auto state = monitor_.current();
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->inputDeviceName, "Tobrin test source");
+    EXPECT_FALSE(state->inputDeviceHasOutput);
+    EXPECT_TRUE(state->inputRunningSomewhere);
+    EXPECT_EQ(state->recordingProcesses, std::vector<std::int32_t>{recorder.pid()});
+
+    recorder.stop();
+    ASSERT_TRUE(watchedInUse(false));
+    advance(999ms);
+    EXPECT_EQ(reports_.values().size(), 2u) << "freed before the delay";
+    advance(1ms);
+    ASSERT_TRUE(reports_.waitForCount(3));
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true, false}));
+}
+
+TEST_P(MicMonitorTest, ARecordingStartedAgainWithinHalfASecondKeepsItInUse) {
+    startWatching();
+    auto first = recordDefaultInput();
+    ASSERT_TRUE(reports_.waitForCount(2));
+    first.stop();
+    ASSERT_TRUE(watchedInUse(false));
+    advance(500ms);
+    auto second = recordDefaultInput();
+    ASSERT_TRUE(watchedInUse(true));
+    advance(2s);
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true}));
+}
+
+TEST_P(MicMonitorTest, RecordingsOfAMonitorAndOfThisProcessAreNotTheMicrophone) {
+    startWatching();
+    Recorder ofMonitor("parec", "tobrin-test-sink.monitor", server_.folder());
+    test::OwnRecording own("tobrin-test-source");
+    ASSERT_TRUE(own.isRecording()) << own.error();
+    // Another process recording as well: once it is seen, every later reading
+    // has the two recordings above too.
+    auto other = recordDefaultInput();
+    ASSERT_TRUE(watchedStateBecomes(
+        [&](const MicActivity& state) { return state.recordingProcesses == std::vector<std::int32_t>{other.pid()}; }));
+    other.stop();
+    ASSERT_TRUE(watchedInUse(false));
+    const auto state = monitor_.current();
+    ASSERT_TRUE(state);
+    EXPECT_FALSE(state->inputRunningSomewhere) << "the source runs only for this process";
+    EXPECT_EQ(state->recordingProcesses, std::vector<std::int32_t>{});
+    advance(1s);
+    ASSERT_TRUE(reports_.waitForCount(3));
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true, false}));
+}
+
+TEST_P(MicMonitorTest, StopWhileAReleaseIsPendingSendsNothingAfter) {
+    startWatching();
+    auto recorder = recordDefaultInput();
+    ASSERT_TRUE(reports_.waitForCount(2));
+    recorder.stop();
+    ASSERT_TRUE(watchedInUse(false));
+    monitor_.stop();
+    advance(5s);
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true}));
+    EXPECT_FALSE(monitor_.isRunning());
+}
+
+TEST_P(MicMonitorTest, ReconnectsAfterTheServerRestartsAndReportsTheStateAgain) {
+    startWatching();
+    {
+        auto recorder = recordDefaultInput();
+        ASSERT_TRUE(reports_.waitForCount(2));
+        server_.crash();
+        // Unknown while the server is away: nothing is reported, the
+        // recording that was seen last still counts.
+        ASSERT_TRUE(test::eventually([&] { return !monitor_.current(); }, patience));
+        advance(5s);
+        EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true}));
+    }
+    ASSERT_TRUE(server_.start());
+    ASSERT_TRUE(watchedInUse(false)) << "no reconnection";
+    advance(1s);
+    ASSERT_TRUE(reports_.waitForCount(3));
+    auto recorder = recordDefaultInput();
+    ASSERT_TRUE(reports_.waitForCount(4));
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true, false, true}));
+}
+
+TEST_P(MicMonitorTest, StartingTwiceWatchesOnce) {
+    monitor_.start();
+    startWatching();
+    const auto clients = test::commandOutput("pactl list clients");
+    ASSERT_TRUE(clients);
+    std::size_t watches = 0;
+    for (std::size_t at = clients->find(PulseMicWatch::clientId); at != std::string::npos;
+         at = clients->find(PulseMicWatch::clientId, at + 1))
+        ++watches;
+    EXPECT_EQ(watches, 1u);
+    auto recorder = recordDefaultInput();
+    ASSERT_TRUE(reports_.waitForCount(2));
+    EXPECT_EQ(reports_.values(), (std::vector<bool>{false, true}));
+}
+
+TEST_P(MicMonitorTest, CurrentReadsTheServerWhenNotWatching) {
+    auto recorder = recordDefaultInput();
+    ASSERT_TRUE(test::eventually(
+        [&] {
+            const auto state = monitor_.current();
+            return state && state->micInUse();
+        },
+        patience));
+    EXPECT_TRUE(reports_.values().empty());
+    server_.stop();
+    EXPECT_FALSE(monitor_.current()) << "no server, no state";
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, MicMonitorTest,
+                         ::testing::Values(ServerCase{SoundServerKind::PulseAudio, "parec"},
+                                           ServerCase{SoundServerKind::PipeWire, "pw-record"}),
+                         [](const auto& param) {
+                             return std::string(test::serverName(param.param.kind)) == "pipewire" ? "PipeWire"
+                                                                                                  : "PulseAudio";
+                         });
+
+} // namespace
+} // namespace tobrin
