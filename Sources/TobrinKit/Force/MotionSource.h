@@ -40,10 +40,22 @@ public:
     virtual std::string lastError() const = 0;
 };
 
-// The motion source of this machine, or none. A recorded stream named by the
-// environment variable TOBRIN_SENSOR_REPLAY stands in for a device (tests,
-// demos, machines without a sensor); the file is only read when the source
-// starts.
+// Kinds of motion device, registered at start-up by the leaf that reads
+// them (MotionDevices::add()); each finder returns a source for this machine's
+// device, or none.
+namespace MotionSources {
+struct Finder {
+    std::string name;
+    std::function<std::unique_ptr<MotionSource>()> find;
+};
+// Adds a finder, or replaces the one of the same name.
+void add(Finder finder);
+} // namespace MotionSources
+
+// The motion source of this machine, or none: the first device a registered
+// finder finds, in the order they were added, else a recorded stream named by
+// the environment variable TOBRIN_SENSOR_REPLAY (tests, demos, machines
+// without a sensor; the file is only read when the source starts).
 std::unique_ptr<MotionSource> findMotionSource();
 
 } // namespace tobrin
