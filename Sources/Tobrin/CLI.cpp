@@ -10,6 +10,8 @@
 #include "TobrinKit/Force/SensorRecording.h"
 #include "TobrinKit/Input/KeyLayout.h"
 #include "TobrinKit/Input/KeyMonitor.h"
+#include "TobrinKit/Mic/MicMonitor.h"
+#include "TobrinKit/Mic/Pulse/PulseMicWatch.h"
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
 #include "TobrinKit/Packs/PackLibrary.h"
 
@@ -20,6 +22,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -339,9 +342,93 @@ int selfTest() {
     return 1;
 }
 
-int micWatch(double) {
-    std::printf("The microphone watch is not part of this build yet.\n");
-    return 1;
+namespace {
+
+// A recording process by name (its command name), else by number.
+std::string processName(std::int32_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    if (std::getline(in, name) && !name.empty()) return printable(name, 64);
+    return "pid " + std::to_string(pid);
+}
+
+std::string describe(const std::optional<MicActivity>& activity) {
+    if (!activity) return "no sound server answers";
+    std::string text =
+        "default input: " + (activity->inputDeviceName ? printable(*activity->inputDeviceName, 80) : "none");
+    if (activity->inputDeviceHasOutput) text += " (also plays audio)";
+    text += " \xC2\xB7 running: ";
+    text += activity->inputRunningSomewhere ? "yes" : "no";
+    text += " \xC2\xB7 recording: ";
+    if (!activity->recordingProcesses) {
+        text += "unknown";
+    } else if (activity->recordingProcesses->empty()) {
+        text += "nobody";
+    } else {
+        for (std::size_t index = 0; index < activity->recordingProcesses->size(); ++index)
+            text += (index ? ", " : "") + processName((*activity->recordingProcesses)[index]);
+    }
+    return text;
+}
+
+std::string clockTime() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    char text[16];
+    std::strftime(text, sizeof text, "%H:%M:%S", &local);
+    return text;
+}
+
+} // namespace
+
+int micWatch(double seconds) {
+    MicMonitor monitor(std::make_unique<PulseMicWatch>());
+    const auto activity = monitor.current();
+    if (!activity) {
+        std::printf("No sound server answers, so the microphone can't be watched.\n");
+        return 1;
+    }
+    std::printf("Watching the microphone for %d s (sound server state only, nothing is recorded).\n", int(seconds));
+    std::printf("  %s\n  mic in use: %s\n", describe(activity).c_str(), activity->micInUse() ? "yes" : "no");
+    std::fflush(stdout);
+
+    // Changes arrive on the monitor's queue, which current() waits for: they
+    // are printed from here.
+    std::mutex lock;
+    std::vector<bool> changes;
+    monitor.setOnChange([&](bool inUse) {
+        std::lock_guard guard(lock);
+        changes.push_back(inUse);
+    });
+    monitor.start();
+    bool first = true; // the monitor reports the state it starts in once
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
+    bool reported = activity->micInUse();
+    while (std::chrono::steady_clock::now() < deadline) {
+        sleepFor(0.05s);
+        std::vector<bool> arrived;
+        {
+            std::lock_guard guard(lock);
+            arrived.swap(changes);
+        }
+        for (bool inUse : arrived) {
+            const bool same = inUse == reported;
+            reported = inUse;
+            if (first && same) {
+                first = false;
+                continue;
+            }
+            first = false;
+            std::printf("%s  %s\n  %s\n", clockTime().c_str(),
+                        inUse ? "mic in use: sounds pause" : "mic free: sounds resume",
+                        describe(monitor.current()).c_str());
+            std::fflush(stdout);
+        }
+    }
+    monitor.stop();
+    return 0;
 }
 
 } // namespace tobrin::app::CLI

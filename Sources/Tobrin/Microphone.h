@@ -21,7 +21,7 @@ public:
     virtual void setOnChange(std::function<void(bool inUse)> onChange) = 0;
 };
 
-// The watch of this machine's sound server.
+// The engine's mic monitor, watching this machine's sound server.
 std::unique_ptr<Microphone> makeMicrophone();
 
 } // namespace tobrin::app

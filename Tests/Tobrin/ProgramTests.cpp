@@ -125,6 +125,58 @@ TEST(Program, TypingIsHeardTheShortcutSilencesAndRestoresAndSigtermEndsItCleanly
     EXPECT_EQ(saved.at("selectedPack"), "blue-click");
 }
 
+// Another program recording from the default input, as a call would.
+std::unique_ptr<test::RunningProgram> startRecording(const Session& session) {
+    return std::make_unique<test::RunningProgram>(
+        std::vector<std::string>{"/usr/bin/parec", "--raw", "--client-name=call", "--device=tobrin-test-source"},
+        std::map<std::string, std::string>{}, (session.folder / "call.raw").string());
+}
+
+TEST(Program, ARecordingByAnotherProgramSilencesTypingUntilASecondAfterItStops) {
+    Session session;
+    ASSERT_TRUE(session.capture.waitUntilCapturing(3000ms));
+    auto tobrin = session.run({}, "tobrin.log");
+    ASSERT_TRUE(session.typeUntilHeard(10s)) << tobrin->output();
+
+    auto call = startRecording(session);
+    // Paused once a key goes unheard; then it stays so.
+    ASSERT_TRUE(test::eventually([&] { return session.typingIsSilent(); }, 5000ms)) << tobrin->output();
+    EXPECT_TRUE(session.typingIsSilent());
+
+    call->signal(SIGTERM);
+    ASSERT_TRUE(call->wait(2000ms));
+    const auto ended = Clock::now();
+    const auto heard = session.typeUntilHeard(5s);
+    ASSERT_TRUE(heard);
+    // The monitor waits a full second of a free microphone before sounds resume.
+    EXPECT_GE(*heard - ended, 900ms);
+    EXPECT_LT(*heard - ended, 2500ms);
+    tobrin->signal(SIGTERM);
+    EXPECT_EQ(tobrin->wait(1000ms), 0);
+}
+
+TEST(Program, MicwatchPrintsTheStateAndEachChangeOfTheMicrophone) {
+    Session session;
+    auto watch = session.run({"--micwatch", "4"}, "micwatch.log");
+    ASSERT_TRUE(test::eventually([&] { return watch->output().find("mic in use: no\n") != std::string::npos; }, 5000ms))
+        << watch->output();
+    auto call = startRecording(session);
+    ASSERT_TRUE(
+        test::eventually([&] { return watch->output().find("mic in use: sounds pause") != std::string::npos; }, 3000ms))
+        << watch->output();
+    call->signal(SIGTERM);
+    ASSERT_EQ(watch->wait(8s), 0) << watch->output();
+    const std::string output = watch->output();
+    EXPECT_TRUE(std::regex_search(
+        output, std::regex("^Watching the microphone for 4 s \\(sound server state only, nothing is recorded\\)\\.\n"
+                           "  default input: Tobrin test source \xC2\xB7 running: no \xC2\xB7 recording: nobody\n"
+                           "  mic in use: no\n"
+                           "[0-9]{2}:[0-9]{2}:[0-9]{2}  mic in use: sounds pause\n"
+                           "  default input: Tobrin test source \xC2\xB7 running: yes \xC2\xB7 recording: parec\n"
+                           "[0-9]{2}:[0-9]{2}:[0-9]{2}  mic free: sounds resume\n")))
+        << output;
+}
+
 TEST(Program, TheSelfTestPassesOnRealServersAndFailsInWordsWithoutThem) {
     Session session;
     auto passing = session.run({"--selftest"}, "selftest.log");
