@@ -88,7 +88,7 @@ protected:
         KeySourceFactory pipes;
         pipes.name = "evdev";
         pipes.create = [this]() -> std::unique_ptr<KeySource> {
-            if (access != KeyboardAccess::granted) return std::make_unique<Unreadable>();
+            if (access != KeyboardAccess::granted || !keyboardsOpen) return std::make_unique<Unreadable>();
             return std::make_unique<EvdevKeySource>(keyboards.watch());
         };
         pipes.access = [this] { return access; };
@@ -99,6 +99,7 @@ protected:
         parts.settingsFile.emplace(settingsPath);
         parts.loginItem.emplace(folder / "autostart/tobrin.desktop", "/usr/bin/tobrin");
         parts.discoverPacks = [this] { return packs; };
+        parts.now = [this] { return now; };
         return parts;
     }
 
@@ -137,6 +138,8 @@ protected:
     std::shared_ptr<AudioOutput> audio = std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
     std::shared_ptr<ForceSensor> sensor;
     KeyboardAccess access = KeyboardAccess::granted;
+    bool keyboardsOpen = true;
+    std::chrono::steady_clock::time_point now{};
     test::PipeKeyboards keyboards;
     std::size_t keyboard = 0;
     HandMicrophone* mic = nullptr;
@@ -275,6 +278,26 @@ TEST_F(AppModelTest, TheStatusLineInEachOfItsCases) {
         EXPECT_EQ(model->sensorAvailable(), c.sensor);
         EXPECT_EQ(model->effectiveSettings().forceSensing, c.sensor);
     }
+}
+
+TEST_F(AppModelTest, AccessGrantedWithoutKeysForMoreThanThreeSecondsAsksForARelaunch) {
+    keyboardsOpen = false;
+    auto model = start();
+    EXPECT_TRUE(model->hasPermission());
+    EXPECT_FALSE(model->listening());
+    model->pollPermission();
+    now += 3000ms;
+    model->pollPermission();
+    EXPECT_FALSE(model->needsRelaunch());
+    now += 1ms;
+    model->pollPermission();
+    EXPECT_TRUE(model->needsRelaunch());
+    // Keys arriving after all clear it.
+    keyboardsOpen = true;
+    model->pollPermission();
+    EXPECT_TRUE(model->listening());
+    EXPECT_FALSE(model->needsRelaunch());
+    EXPECT_TRUE(keyIsHeard());
 }
 
 TEST_F(AppModelTest, LaunchAtLoginWritesTheAutostartEntryAndReadsItBack) {
