@@ -60,8 +60,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         previousEnd = at + type.size();
         const std::int64_t value = layout.raw(record, i);
         if (type.bits < 64) {
-            const std::int64_t span = std::int64_t(1) << type.bits;
-            const bool fits = type.isSigned ? value >= -span / 2 && value < span / 2 : value >= 0 && value < span;
+            // 2^(bits - 1): 2^bits itself does not fit for 63 bits.
+            const std::int64_t half = std::int64_t(1) << (type.bits - 1);
+            const bool fits =
+                type.isSigned ? value >= -half && value < half : value >= 0 && (std::uint64_t(value) >> type.bits) == 0;
             if (!fits) fail("decoded value does not fit its bits");
         }
     }
