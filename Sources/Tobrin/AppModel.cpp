@@ -7,8 +7,8 @@
 #include "TobrinKit/Force/MotionSource.h"
 #include "TobrinKit/Input/Desktop/DesktopShortcuts.h"
 #include "TobrinKit/Input/Xkb/KeyboardLayout.h"
+#include "TobrinKit/Packs/Import/CommunityPacks.h"
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
-#include "TobrinKit/Packs/PackLibrary.h"
 
 #include <QCoreApplication>
 #include <QProcess>
@@ -57,7 +57,7 @@ AppModel::Parts AppModel::systemParts() {
 
 AppModel::AppModel(Parts parts, QObject* parent)
     : QObject(parent), settingsFile_(std::move(parts.settingsFile)), loginItem_(std::move(parts.loginItem)),
-      discoverPacks_(parts.discoverPacks ? std::move(parts.discoverPacks) : [] { return PackLibrary::discover(); }),
+      discoverPacks_(parts.discoverPacks ? std::move(parts.discoverPacks) : [] { return CommunityPacks::discover(); }),
       relaunchAfter_(parts.relaunchAfter), now_(std::move(parts.now)), keyNamer_(std::move(parts.keyNamer)),
       audio_(std::move(parts.audio)), microphone_(std::move(parts.microphone)) {
     relay_->model = this;

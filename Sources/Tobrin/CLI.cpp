@@ -12,8 +12,8 @@
 #include "TobrinKit/Input/KeyMonitor.h"
 #include "TobrinKit/Mic/MicMonitor.h"
 #include "TobrinKit/Mic/Pulse/PulseMicWatch.h"
+#include "TobrinKit/Packs/Import/CommunityPacks.h"
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
-#include "TobrinKit/Packs/PackLibrary.h"
 
 #include <algorithm>
 #include <atomic>
@@ -249,7 +249,7 @@ int probe(double seconds) {
 
 int selfTest() {
     int failures = 0;
-    const auto packs = PackLibrary::discover();
+    const auto packs = CommunityPacks::discover();
     check(!packs.empty(), "found " + std::to_string(packs.size()) + " sound packs", failures);
 
     std::shared_ptr<const LoadedPack> pack;

@@ -2,7 +2,9 @@
 // private PipeWire, typed at through XTEST and heard at the sink's monitor.
 #include "TobrinKit/Force/ForceSensor.h"
 #include "TobrinKit/Force/SensorRecording.h"
+#include "TobrinKit/Packs/PackLibrary.h"
 
+#include "Support/CommunityPacks.h"
 #include "Support/Eventually.h"
 #include "Support/IndependentReaders.h"
 #include "Support/PrivateXServer.h"
@@ -42,6 +44,7 @@ public:
         return {{"DISPLAY", x.display()},
                 {"XDG_CONFIG_HOME", (folder / "config").string()},
                 {"XDG_DATA_HOME", (folder / "data").string()},
+                {"XDG_CACHE_HOME", (folder / "cache").string()},
                 {"XDG_SESSION_TYPE", "x11"},
                 {"WAYLAND_DISPLAY", ""},
                 {"TOBRIN_PACKS", TOBRIN_BUILT_IN_PACKS_DIR},
@@ -179,10 +182,14 @@ TEST(Program, MicwatchPrintsTheStateAndEachChangeOfTheMicrophone) {
 
 TEST(Program, TheSelfTestPassesOnRealServersAndFailsInWordsWithoutThem) {
     Session session;
+    // A community pack dropped into the packs folder counts among the packs.
+    test::writeSinglePack(session.folder / "data/Tobrin/Packs/dropped");
+    const auto packs = PackLibrary::discover(TOBRIN_BUILT_IN_PACKS_DIR, true).size() + 1;
     auto passing = session.run({"--selftest"}, "selftest.log");
     ASSERT_EQ(passing->wait(20s), 0) << passing->output();
     const std::string output = passing->output();
     EXPECT_TRUE(std::regex_match(output, std::regex("((PASS|SKIP)  [^\n]+\n)+All checks passed\\.\n"))) << output;
+    EXPECT_NE(output.find("PASS  found " + std::to_string(packs) + " sound packs\n"), std::string::npos) << output;
     EXPECT_EQ(output.find("SKIP  motion sensor (not on this computer)\n") != std::string::npos, true);
 
     auto environment = session.environment();
