@@ -1,75 +1,12 @@
-// Proves that pushing and rendering never allocate, free or lock: this program
-// replaces the C allocator entry points (which operator new and delete end in)
-// and pthread_mutex_lock with versions that count calls made while the current
-// thread is inside a mixer call.
+// Proves that pushing and rendering never allocate, free or lock, with the
+// counting hooks of Support/RealtimeHooks.
 #include "Support/Mixer.h"
+#include "Support/RealtimeHooks.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <mutex>
-#include <pthread.h>
-
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
-void __libc_free(void*);
-}
-
-namespace {
-
-thread_local bool insideMixer = false;
-std::atomic<int> forbiddenCalls{0};
-
-void noteCall() {
-    if (insideMixer) forbiddenCalls.fetch_add(1, std::memory_order_relaxed);
-}
-
-// Marks the current thread as inside the mixer for the guard's lifetime.
-struct RealtimeSection {
-    RealtimeSection() { insideMixer = true; }
-    ~RealtimeSection() { insideMixer = false; }
-};
-
-} // namespace
-
-extern "C" {
-void* malloc(size_t size) {
-    noteCall();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    noteCall();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* pointer, size_t size) {
-    noteCall();
-    return __libc_realloc(pointer, size);
-}
-void free(void* pointer) {
-    noteCall();
-    __libc_free(pointer);
-}
-void* aligned_alloc(size_t alignment, size_t size) {
-    noteCall();
-    return __libc_memalign(alignment, size);
-}
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    noteCall();
-    *out = __libc_memalign(alignment, size);
-    return *out != nullptr ? 0 : ENOMEM;
-}
-int pthread_mutex_lock(pthread_mutex_t* mutex) {
-    noteCall();
-    using Lock = int (*)(pthread_mutex_t*);
-    static const Lock real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    return real(mutex);
-}
-}
 
 namespace tobrin::test {
 namespace {
@@ -77,12 +14,12 @@ namespace {
 TEST(MixerRealtime, TheHooksSeeAllocationsFreesAndLocks) {
     // Without this the test below could pass because the hooks never fire.
     auto callsDuring = [](auto&& action) {
-        forbiddenCalls = 0;
+        resetForbiddenCalls();
         {
             RealtimeSection section;
             action();
         }
-        return forbiddenCalls.load();
+        return forbiddenCalls();
     };
     int* volatile kept = nullptr;
     EXPECT_EQ(callsDuring([&] { kept = new int(3); }), 1);
@@ -103,7 +40,7 @@ TEST_P(MixerRealtimePaths, PushAndRenderNeverAllocateFreeOrLock) {
     const std::vector<float> shortTake(2000, 0.01f), longTake(5000, 0.02f), right(5000, -0.01f);
     std::vector<float> left(1024), out(1024);
 
-    forbiddenCalls = 0;
+    resetForbiddenCalls();
     {
         RealtimeSection section;
         // 40 four-layer starts: 32 voices, then 8 taken over.
@@ -135,7 +72,7 @@ TEST_P(MixerRealtimePaths, PushAndRenderNeverAllocateFreeOrLock) {
         tb_mixer_push(mixer.get(), &release);
         for (int i = 0; i < 4; ++i) tb_mixer_render(mixer.get(), left.data(), out.data(), 256);
     }
-    EXPECT_EQ(forbiddenCalls.load(), 0);
+    EXPECT_EQ(forbiddenCalls(), 0);
     EXPECT_EQ(tb_mixer_started_voices(mixer.get()), 40u);
     EXPECT_GE(tb_mixer_dropped_commands(mixer.get()), 1u);
     EXPECT_EQ(tb_mixer_active_voices(mixer.get()), 0u);
