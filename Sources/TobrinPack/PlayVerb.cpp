@@ -4,6 +4,7 @@
 // pack author (or a user checking their set-up) hears a pack without the app.
 // The keys go through the Conductor at the script's moments, on this machine's
 // sound server.
+#include "TypingDemo.h"
 #include "Verbs.h"
 
 #include "TobrinKit/Engine/Audio/AudioOutput.h"
@@ -32,24 +33,8 @@
 namespace tobrin::pack {
 namespace {
 
-constexpr std::string_view defaultText = "The quick brown fox jumps over the lazy dog. Typing sounds like this.";
-constexpr double defaultWordsPerMinute = 70;
-constexpr std::uint64_t scriptSeed = 2024;
 // The longest a key's sound may ring on after the last key.
 constexpr auto tailLimit = std::chrono::seconds(3);
-
-// From a light touch to a hard strike, as the render verb types.
-float crescendo(int index, int count) {
-    if (count < 2) return 1.0f;
-    return 0.5f + 2.0f * float(index) / float(count - 1);
-}
-
-std::optional<double> parseNumber(std::string_view text) {
-    double value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
 
 bool forcedNullDevice() {
     const char* forced = std::getenv("TOBRIN_AUDIO");
@@ -59,32 +44,9 @@ bool forcedNullDevice() {
 } // namespace
 
 int runPlay(std::span<const std::string_view> arguments) {
-    std::vector<std::string_view> positional;
-    std::string text(defaultText);
-    double wordsPerMinute = defaultWordsPerMinute;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const std::string_view argument = arguments[i];
-        if (argument == "--text" || argument == "--wpm") {
-            if (i + 1 >= arguments.size()) {
-                printError("play: " + std::string(argument) + " needs a value");
-                return exitUsage;
-            }
-            const std::string_view value = arguments[++i];
-            if (argument == "--text") {
-                text = value;
-            } else {
-                const auto number = parseNumber(value);
-                if (!number || !(*number >= 1 && *number <= 1000)) {
-                    printError("play: --wpm takes a number of words a minute from 1 to 1000, not " +
-                               std::string(value));
-                    return exitUsage;
-                }
-                wordsPerMinute = *number;
-            }
-        } else {
-            positional.push_back(argument);
-        }
-    }
+    TypingDemo demo;
+    if (!demo.parse("play", arguments)) return exitUsage;
+    const auto& positional = demo.positional;
     if (positional.size() != 1) {
         printError("play needs a pack folder: play PACK_DIR [--text T] [--wpm N]");
         return exitUsage;
@@ -97,7 +59,7 @@ int runPlay(std::span<const std::string_view> arguments) {
         printError(error.what());
         return exitFailure;
     }
-    auto script = OfflineRenderer::typingScript(text, wordsPerMinute, scriptSeed, crescendo);
+    auto script = demo.script();
     if (script.empty()) {
         printError("play: the text has no character to type");
         return exitUsage;

@@ -1,4 +1,5 @@
 // tobrin-pack render PACK_DIR OUT.wav [--text T] [--wpm N]
+#include "TypingDemo.h"
 #include "Verbs.h"
 
 #include "TobrinKit/Building/Loudness.h"
@@ -23,21 +24,11 @@
 namespace tobrin::pack {
 namespace {
 
-constexpr std::string_view defaultText = "The quick brown fox jumps over the lazy dog. Typing sounds like this.";
-constexpr double defaultWordsPerMinute = 70;
-constexpr std::uint64_t scriptSeed = 2024;
 constexpr double renderRate = 48000;
 constexpr double tailSeconds = 0.6;
 // The longest render: ten minutes take about 230 MB of float samples, and
 // the loudness measure twice that again.
 constexpr double maximumSeconds = 600;
-
-// The demo types with a crescendo, from a light touch to a hard strike, so
-// that every force layer of the pack is heard.
-float crescendo(int index, int count) {
-    if (count < 2) return 1.0f;
-    return 0.5f + 2.0f * float(index) / float(count - 1);
-}
 
 // A words-a-minute figure as a user types it: "70", "1.5".
 std::string wpmText(double wordsPerMinute) {
@@ -46,42 +37,13 @@ std::string wpmText(double wordsPerMinute) {
     return text;
 }
 
-std::optional<double> parseNumber(std::string_view text) {
-    double value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 } // namespace
 
 int runRender(std::span<const std::string_view> arguments) {
-    std::vector<std::string_view> positional;
-    std::string text(defaultText);
-    double wordsPerMinute = defaultWordsPerMinute;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const std::string_view argument = arguments[i];
-        if (argument == "--text" || argument == "--wpm") {
-            if (i + 1 >= arguments.size()) {
-                printError("render: " + std::string(argument) + " needs a value");
-                return exitUsage;
-            }
-            const std::string_view value = arguments[++i];
-            if (argument == "--text") {
-                text = value;
-            } else {
-                const auto number = parseNumber(value);
-                if (!number || !(*number >= 1 && *number <= 1000)) {
-                    printError("render: --wpm takes a number of words a minute from 1 to 1000, not " +
-                               std::string(value));
-                    return exitUsage;
-                }
-                wordsPerMinute = *number;
-            }
-        } else {
-            positional.push_back(argument);
-        }
-    }
+    TypingDemo demo;
+    if (!demo.parse("render", arguments)) return exitUsage;
+    const auto& positional = demo.positional;
+    const double wordsPerMinute = demo.wordsPerMinute;
     if (positional.size() != 2) {
         printError("render needs a pack folder and an output file: render PACK_DIR OUT.wav [--text T] [--wpm N]");
         return exitUsage;
@@ -90,7 +52,7 @@ int runRender(std::span<const std::string_view> arguments) {
     const std::filesystem::path output(positional[1]);
 
     // The text is checked first: a refusal costs no pack loading.
-    const auto script = OfflineRenderer::typingScript(text, wordsPerMinute, scriptSeed, crescendo);
+    const auto script = demo.script();
     if (script.empty()) {
         printError("render: the text has no character to type");
         return exitUsage;
