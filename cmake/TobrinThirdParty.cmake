@@ -15,6 +15,8 @@ pkg_check_modules(UDEV REQUIRED IMPORTED_TARGET GLOBAL libudev)
 pkg_check_modules(GIO REQUIRED IMPORTED_TARGET GLOBAL gio-2.0)
 # Zipped community packs, read entry by entry by the importer.
 pkg_check_modules(LIBARCHIVE REQUIRED IMPORTED_TARGET GLOBAL libarchive)
+# Downloads of recordings (http, https, file) for packs built from them.
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET GLOBAL libcurl)
 if(TOBRIN_TESTS OR TOBRIN_BENCHMARKS)
   # The independent loudness meter the tests and benchmarks compare against.
   pkg_check_modules(EBUR128 REQUIRED IMPORTED_TARGET GLOBAL libebur128)

@@ -4,12 +4,17 @@
 // strokes that overlap. The script is kept, so a test knows where every key
 // went down and up and how hard it was struck.
 
+#include "TobrinKit/Building/WAVWriter.h"
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 #include "TobrinKit/Engine/EngineSettings.h"
 #include "TobrinKit/Engine/OfflineRenderer.h"
 #include "TobrinKit/Packs/Loading/LoadedPack.h"
 
 #include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
 #include <cstddef>
 #include <cstdint>
 #include <numbers>
@@ -85,6 +90,18 @@ inline TypingRecording renderTypingRecording(const LoadedPack& pack, double rate
         recording.right[i] += hum + options.noise * float(random.signedUnit());
     }
     return recording;
+}
+
+// The recording as a compressed Ogg Vorbis file made by the ffmpeg program, at
+// `fileRate`: what a sound-sharing site serves as a preview.
+inline void writeOggRecording(const TypingRecording& recording, const std::filesystem::path& file, int fileRate) {
+    const std::filesystem::path wav = file.string() + ".source.wav";
+    WAVWriter::write(recording.left, std::span<const float>(recording.right), std::int64_t(recording.rate), wav);
+    const std::string command = "ffmpeg -nostdin -loglevel error -y -i '" + wav.string() + "' -ar " +
+                                std::to_string(fileRate) + " -c:a libvorbis -q:a 6 '" + file.string() + "'";
+    const int status = std::system(command.c_str());
+    std::filesystem::remove(wav);
+    if (status != 0) throw std::runtime_error("ffmpeg could not make " + file.string());
 }
 
 } // namespace tobrin::test
