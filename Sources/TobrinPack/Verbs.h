@@ -30,10 +30,12 @@ inline constexpr std::size_t maximumMessageLength = 4096;
 void printError(std::string_view message);
 
 // The verbs, one source file each (GenerateVerb.cpp, ...). main.cpp lists them.
+int runBuild(std::span<const std::string_view> arguments);
 int runGenerate(std::span<const std::string_view> arguments);
 int runImport(std::span<const std::string_view> arguments);
 int runLoudness(std::span<const std::string_view> arguments);
 int runPlay(std::span<const std::string_view> arguments);
 int runRender(std::span<const std::string_view> arguments);
+int runSlice(std::span<const std::string_view> arguments);
 
 } // namespace tobrin::pack

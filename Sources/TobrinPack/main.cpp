@@ -16,6 +16,11 @@ namespace tobrin::pack {
 namespace {
 
 constexpr std::array verbs = {
+    Verb{"build", "RECIPE.json [--cache DIR] [--out DIR]",
+         "build a pack from recordings of a real keyboard as the recipe says: download, convert (ffmpeg), slice, "
+         "level to -28 LUFS; into DIR/<id> (default: your packs folder), downloads cached in DIR (default: "
+         "$XDG_CACHE_HOME/tobrin/recordings)",
+         runBuild},
     Verb{"generate", "[DIR] [--threads N] [--replace]",
          "write the five synthesized starter packs into DIR (default: your packs folder, "
          "$XDG_DATA_HOME/Tobrin/Packs); a pack's folder that tobrin-pack did not generate is left alone "
@@ -31,6 +36,10 @@ constexpr std::array verbs = {
          "type a demo text with the pack live through the sound server (TOBRIN_AUDIO chooses the output)", runPlay},
     Verb{"render", "PACK_DIR OUT.wav [--text T] [--wpm N]",
          "type a demo text with the pack into a 48 kHz stereo WAV file and print its loudness", runRender},
+    Verb{"slice", "RECORDING [--options JSON] [--json]",
+         "list the key hits found in a recording (onset in samples at 48 kHz and seconds, peak, energy, "
+         "release and big-key flags) and the slicer's report, to tune a recipe's options; --json for scripts",
+         runSlice},
 };
 
 void printUsage(std::FILE* stream) {
