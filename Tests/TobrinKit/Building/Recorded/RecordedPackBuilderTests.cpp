@@ -115,6 +115,14 @@ TEST_F(RecordedPackBuilderTest, BuildsALevelledPackThatLoadsAndRebuildsFromTheCa
     EXPECT_EQ(take->sampleRate, 48000);
     EXPECT_EQ(take->format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
 
+    // A source's start and end cut the recording; without them it is whole.
+    auto part = PackRecipe::decode(document.dump()).sources[0];
+    const auto whole = RecordedPackBuilder::load(part, scratch / "cache");
+    EXPECT_EQ(whole.frames(), std::size_t(test::readWithSndfile(scratch / "cache" / "101.wav")->frames));
+    part.start = 1.0;
+    part.end = 3.5;
+    EXPECT_EQ(RecordedPackBuilder::load(part, scratch / "cache").frames(), 120000u);
+
     // Without the previews the cache serves: no download, no conversion, and
     // the same pack.
     for (int id : {101, 102, 103}) fs::remove(scratch / (std::to_string(id) + ".ogg"));
