@@ -30,13 +30,16 @@ std::shared_ptr<const LoadedPack> cream() {
     return pack;
 }
 
-// About 60 s: 250 strokes 0.16 to 0.28 s apart, plus a few overlapping ones.
+// 60 s: strokes 0.16 to 0.28 s apart, a few overlapping ones, cut at a minute.
 const test::TypingRecording& minute() {
     static const test::TypingRecording recording = [] {
         test::TypingRecordingOptions options;
-        options.keys = 250;
+        options.keys = 270;
         options.spaceEvery = 7;
-        return test::renderTypingRecording(*cream(), 48000, options);
+        auto rendered = test::renderTypingRecording(*cream(), 48000, options);
+        rendered.left.resize(60 * 48000); // exactly a minute
+        rendered.right.resize(60 * 48000);
+        return rendered;
     }();
     return recording;
 }
