@@ -43,5 +43,6 @@ pkg_check_modules(PIPEWIRE REQUIRED IMPORTED_TARGET GLOBAL libpipewire-0.3)
 pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET GLOBAL libpulse)
 
 # The tray application: Qt 6 Widgets for the panel, DBus for the system's wake
-# signal, Network for the single-instance socket. Only Sources/Tobrin links it.
-find_package(Qt6 6.4 REQUIRED COMPONENTS Core Gui Widgets DBus Network)
+# signal, Network for the single-instance socket, Svg for the bundled icons.
+# Only Sources/Tobrin links it (and its tests, which drive the panel with Test).
+find_package(Qt6 6.4 REQUIRED COMPONENTS Core Gui Widgets DBus Network Svg Test)

@@ -2,6 +2,8 @@
 
 #include "AppModel.h"
 #include "Log.h"
+#include "Panel/Icons.h"
+#include "Panel/TrayItem.h"
 #include "SingleInstance.h"
 #include "SystemEvents.h"
 
@@ -10,8 +12,10 @@
 #include "TobrinKit/Input/X11/X11Keys.h"
 
 #include <QApplication>
+#include <QSystemTrayIcon>
 
 #include <cstdlib>
+#include <memory>
 
 namespace tobrin::app {
 namespace {
@@ -53,6 +57,8 @@ int runApplication(int argc, char** argv) {
     // The panel closes and opens; the program lives on in the tray.
     QApplication::setQuitOnLastWindowClosed(false);
     QCoreApplication::setApplicationName(QStringLiteral("Tobrin"));
+    // Ties the windows to tobrin.desktop (its icon and name) under Wayland.
+    QGuiApplication::setDesktopFileName(QStringLiteral("tobrin"));
     QuitOnSignals quitOnSignals;
 
     SingleInstance instance;
@@ -71,6 +77,13 @@ int runApplication(int argc, char** argv) {
     AppModel model(std::move(parts));
     QObject::connect(&instance, &SingleInstance::activated, &model, &AppModel::requestPanel);
     QObject::connect(&model, &AppModel::aboutToRelaunch, &instance, &SingleInstance::release);
+    // Without a display there is nothing to show; sounds still play.
+    std::unique_ptr<TrayItem> tray;
+    if (QGuiApplication::platformName() != QStringLiteral("offscreen")) {
+        QApplication::setWindowIcon(Icons::application());
+        tray = std::make_unique<TrayItem>(model, QSystemTrayIcon::isSystemTrayAvailable());
+        if (!tray->hasTray()) log("Tobrin: the desktop has no tray; the panel opens as a window");
+    }
     return QApplication::exec();
 }
 

@@ -1,5 +1,7 @@
 #include "CLI.h"
 
+#include "Panel/Snapshot.h"
+
 #include "TobrinKit/Engine/Audio/AudioOutput.h"
 #include "TobrinKit/Engine/Conductor.h"
 #include "TobrinKit/Engine/Core/MachTime.h"
@@ -111,6 +113,7 @@ std::optional<int> run(const std::vector<std::string>& arguments) {
     if (command == "--probe") return probe(parseSeconds(arguments, 20));
     if (command == "--selftest") return selfTest();
     if (command == "--micwatch") return micWatch(parseSeconds(arguments, 60));
+    if (command == "--snapshot") return snapshot({arguments.begin() + 1, arguments.end()});
     if (command == "--version") {
 #ifdef TOBRIN_VERSION
         std::printf("%s\n", TOBRIN_VERSION);
