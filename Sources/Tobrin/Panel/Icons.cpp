@@ -1,9 +1,15 @@
 #include "Panel/Icons.h"
 
 #include <QFile>
+#include <QHash>
+#include <QIconEngine>
 #include <QPainter>
 #include <QPixmap>
 #include <QSvgRenderer>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
 
 // Resources of a static library are registered by hand, outside any namespace.
 static void registerBundledIcons() {
@@ -17,7 +23,57 @@ static void registerBundledIcons() {
 namespace tobrin::app::Icons {
 namespace {
 
-constexpr int sizes[] = {16, 22, 24, 32, 48, 64, 96, 128, 256};
+// Draws a bundled SVG at whatever size is asked, so no size is rendered (and
+// kept) before something shows it.
+class SvgEngine final : public QIconEngine {
+public:
+    explicit SvgEngine(std::shared_ptr<QSvgRenderer> renderer) : renderer_(std::move(renderer)) {}
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode, QIcon::State) override {
+        renderer_->render(painter, rect);
+    }
+    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
+        QPixmap pixmap(size);
+        pixmap.fill(Qt::transparent);
+        QPainter painter(&pixmap);
+        paint(&painter, pixmap.rect(), mode, state);
+        return pixmap;
+    }
+    QIconEngine* clone() const override { return new SvgEngine(renderer_); }
+
+private:
+    std::shared_ptr<QSvgRenderer> renderer_;
+};
+
+// Another icon, faded and struck through: the keyboard while sounds are off.
+class StruckEngine final : public QIconEngine {
+public:
+    StruckEngine(QIcon plain, QColor color) : plain_(std::move(plain)), color_(color) {}
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode, QIcon::State) override {
+        painter->save();
+        painter->setRenderHint(QPainter::Antialiasing);
+        painter->setOpacity(0.4);
+        plain_.paint(painter, rect);
+        painter->setOpacity(1);
+        const double size = std::min(rect.width(), rect.height());
+        painter->setPen(QPen(color_, std::max(1.5, size / 9.0), Qt::SolidLine, Qt::RoundCap));
+        const double inset = size * 0.12;
+        painter->drawLine(QPointF(rect.left() + inset, rect.top() + inset),
+                          QPointF(rect.left() + size - inset, rect.top() + size - inset));
+        painter->restore();
+    }
+    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
+        QPixmap pixmap(size);
+        pixmap.fill(Qt::transparent);
+        QPainter painter(&pixmap);
+        paint(&painter, pixmap.rect(), mode, state);
+        return pixmap;
+    }
+    QIconEngine* clone() const override { return new StruckEngine(plain_, color_); }
+
+private:
+    QIcon plain_;
+    QColor color_;
+};
 
 // The bundled drawing, with "currentColor" painted in `color`.
 QIcon bundled(const QString& name, const QColor& color) {
@@ -26,50 +82,38 @@ QIcon bundled(const QString& name, const QColor& color) {
     if (!file.open(QIODevice::ReadOnly)) return {};
     QByteArray svg = file.readAll();
     svg.replace("currentColor", color.name(QColor::HexRgb).toLatin1());
-    QSvgRenderer renderer(svg);
-    QIcon icon;
-    for (const int size : sizes) {
-        QPixmap pixmap(size, size);
-        pixmap.fill(Qt::transparent);
-        QPainter painter(&pixmap);
-        renderer.render(&painter);
-        painter.end();
-        icon.addPixmap(pixmap);
-    }
-    return icon;
+    return QIcon(new SvgEngine(std::make_shared<QSvgRenderer>(svg)));
+}
+
+// Icons are asked for on every change of the panel: each is made once.
+QIcon cached(const QString& key, const std::function<QIcon()>& make) {
+    static QHash<QString, QIcon> made;
+    auto found = made.constFind(key);
+    if (found != made.constEnd()) return *found;
+    return *made.insert(key, make());
 }
 
 } // namespace
 
 QIcon named(const QString& name, const QColor& color) {
-    if (QIcon::hasThemeIcon(name)) return QIcon::fromTheme(name);
-    return bundled(name, color);
+    return cached(name + color.name(QColor::HexArgb), [&] {
+        if (QIcon::hasThemeIcon(name)) return QIcon::fromTheme(name);
+        return bundled(name, color);
+    });
 }
 
 QIcon keyboard(bool playing, const QColor& color) {
     const QIcon plain = named(QStringLiteral("input-keyboard"), color);
     if (playing) return plain;
-    QIcon off;
-    for (const int size : sizes) {
-        QPixmap pixmap(size, size);
-        pixmap.fill(Qt::transparent);
-        QPainter painter(&pixmap);
-        painter.setRenderHint(QPainter::Antialiasing);
-        painter.setOpacity(0.4);
-        plain.paint(&painter, pixmap.rect());
-        painter.setOpacity(1);
-        painter.setPen(QPen(color, std::max(1.5, size / 9.0), Qt::SolidLine, Qt::RoundCap));
-        const double inset = size * 0.12;
-        painter.drawLine(QPointF(inset, inset), QPointF(size - inset, size - inset));
-        painter.end();
-        off.addPixmap(pixmap);
-    }
-    return off;
+    return cached(QStringLiteral("off") + color.name(QColor::HexArgb),
+                  [&] { return QIcon(new StruckEngine(plain, color)); });
 }
 
 QIcon application() {
-    if (QIcon::hasThemeIcon(QStringLiteral("tobrin"))) return QIcon::fromTheme(QStringLiteral("tobrin"));
-    return bundled(QStringLiteral("tobrin"), Qt::black);
+    return cached(QStringLiteral("tobrin"), [] {
+        if (QIcon::hasThemeIcon(QStringLiteral("tobrin"))) return QIcon::fromTheme(QStringLiteral("tobrin"));
+        return bundled(QStringLiteral("tobrin"), Qt::black);
+    });
 }
 
 } // namespace tobrin::app::Icons
