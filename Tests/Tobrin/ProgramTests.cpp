@@ -267,5 +267,33 @@ TEST(Program, HelpPrintsTheUsageTextExactly) {
     EXPECT_EQ(testing::runCommand(testing::quoted(TOBRIN_APP) + " -h").output, result.output);
 }
 
+// cmake --install into a folder of its own: the program there finds its
+// built-in packs beside its bin folder, and the menu entry, the icon and the
+// AppStream file lie where desktops look for them.
+TEST(Program, AnInstallToAnyPrefixFindsItsPacksAndBringsItsDesktopFiles) {
+    test::TemporaryFolder folder;
+    const auto prefix = folder / "any prefix";
+    const auto install =
+        testing::runCommand(testing::quoted(TOBRIN_CMAKE) + " --install " + testing::quoted(TOBRIN_BINARY_DIR) +
+                            " --prefix " + testing::quoted(prefix.string()) + " 2>&1");
+    ASSERT_EQ(install.exitStatus, 0) << install.output;
+    EXPECT_TRUE(std::filesystem::is_regular_file(prefix / "bin/tobrin-pack"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(prefix / "share/icons/hicolor/scalable/apps/tobrin.svg"));
+    const std::string entry = contents(prefix / "share/applications/tobrin.desktop");
+    EXPECT_NE(entry.find("\nExec=tobrin\n"), std::string::npos) << entry;
+    EXPECT_NE(entry.find("\nIcon=tobrin\n"), std::string::npos) << entry;
+    const std::string metainfo = contents(prefix / "share/metainfo/app.tobrin.Tobrin.metainfo.xml");
+    EXPECT_NE(metainfo.find("<launchable type=\"desktop-id\">tobrin.desktop</launchable>"), std::string::npos);
+    EXPECT_EQ(metainfo.find('@'), std::string::npos) << "a placeholder was left: " << metainfo;
+
+    const auto selftest =
+        testing::runCommand("env -u TOBRIN_PACKS -u DISPLAY -u WAYLAND_DISPLAY TOBRIN_AUDIO=null XDG_DATA_HOME=" +
+                            testing::quoted((folder / "data").string()) +
+                            " XDG_CACHE_HOME=" + testing::quoted((folder / "cache").string()) + " " +
+                            testing::quoted((prefix / "bin/tobrin").string()) + " --selftest 2>/dev/null");
+    EXPECT_NE(selftest.output.find("PASS  found 5 sound packs\n"), std::string::npos) << selftest.output;
+    EXPECT_NE(selftest.output.find("PASS  loaded Blue Click"), std::string::npos) << selftest.output;
+}
+
 } // namespace
 } // namespace tobrin
