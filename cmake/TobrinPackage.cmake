@@ -18,4 +18,7 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS "fonts-dejavu-core | fonts-freefont-ttf")
 # A sound server to play through, the icon theme the menu entry's icon sits
 # in, and Qt's Wayland platform (without it the panel goes through XWayland).
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pipewire-pulse | pulseaudio, hicolor-icon-theme, qt6-wayland")
+# tobrin-pack build runs the ffmpeg program to convert recordings; nothing
+# else needs it.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "ffmpeg")
 include(CPack)
