@@ -23,20 +23,25 @@ static void registerBundledIcons() {
 namespace tobrin::app::Icons {
 namespace {
 
-// Draws a bundled SVG at whatever size is asked, so no size is rendered (and
-// kept) before something shows it.
-class SvgEngine final : public QIconEngine {
+// An icon drawn by its paint() at whatever size is asked, so no size is
+// rendered (and kept) before something shows it.
+class PaintedEngine : public QIconEngine {
 public:
-    explicit SvgEngine(std::shared_ptr<QSvgRenderer> renderer) : renderer_(std::move(renderer)) {}
-    void paint(QPainter* painter, const QRect& rect, QIcon::Mode, QIcon::State) override {
-        renderer_->render(painter, rect);
-    }
     QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
         QPixmap pixmap(size);
         pixmap.fill(Qt::transparent);
         QPainter painter(&pixmap);
         paint(&painter, pixmap.rect(), mode, state);
         return pixmap;
+    }
+};
+
+// A bundled SVG.
+class SvgEngine final : public PaintedEngine {
+public:
+    explicit SvgEngine(std::shared_ptr<QSvgRenderer> renderer) : renderer_(std::move(renderer)) {}
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode, QIcon::State) override {
+        renderer_->render(painter, rect);
     }
     QIconEngine* clone() const override { return new SvgEngine(renderer_); }
 
@@ -45,7 +50,7 @@ private:
 };
 
 // Another icon, faded and struck through: the keyboard while sounds are off.
-class StruckEngine final : public QIconEngine {
+class StruckEngine final : public PaintedEngine {
 public:
     StruckEngine(QIcon plain, QColor color) : plain_(std::move(plain)), color_(color) {}
     void paint(QPainter* painter, const QRect& rect, QIcon::Mode, QIcon::State) override {
@@ -60,13 +65,6 @@ public:
         painter->drawLine(QPointF(rect.left() + inset, rect.top() + inset),
                           QPointF(rect.left() + size - inset, rect.top() + size - inset));
         painter->restore();
-    }
-    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
-        QPixmap pixmap(size);
-        pixmap.fill(Qt::transparent);
-        QPainter painter(&pixmap);
-        paint(&painter, pixmap.rect(), mode, state);
-        return pixmap;
     }
     QIconEngine* clone() const override { return new StruckEngine(plain_, color_); }
 
