@@ -12,6 +12,7 @@
 #include "TobrinKit/Force/MotionRecorder.h"
 #include "TobrinKit/Force/RecordedMotionSource.h"
 
+#include "Support/Environment.h"
 #include "Support/Eventually.h"
 #include "Support/SoundFiles.h"
 
@@ -135,7 +136,6 @@ TEST(IioScanLayout, PacksChannelsAsTheKernelDoes) {
     EXPECT_EQ(layout.offset(layout.find("timestamp")), 8u);
     const IioScanLayout odd(
         {{"a", 0, type("le:s8/8>>0")}, {"b", 5, type("le:s32/32>>0")}, {"c", 7, type("le:u8/8>>0")}});
-    EXPECT_EQ(layout.recordSize(), 16u);
     EXPECT_EQ(odd.offset(1), 4u);
     EXPECT_EQ(odd.offset(2), 8u);
     EXPECT_EQ(odd.recordSize(), 12u);
@@ -357,18 +357,25 @@ TEST(MotionRecorder, AReplayOfTheRecordingGivesTheSameWindows) {
     }
 }
 
-TEST(MotionSources, RegisteredDevicesComeBeforeTheRecordedStream) {
+TEST(MotionSources, TheReplayInTheEnvironmentIsFoundAfterRegisteredDevices) {
     test::ScratchFolder scratch;
     DeviceTree tree(scratch / "machine");
-    const fs::path replay = scratch / "replay.txt";
-    DeviceTree::write(replay, "tobrin-sensor-replay 1");
-    ::setenv("TOBRIN_SENSOR_REPLAY", replay.c_str(), 1);
     MotionDevices::add(tree.root());
-    EXPECT_TRUE(dynamic_cast<RecordedMotionSource*>(findMotionSource().get())) << "no device: the replay";
+    test::Environment environment;
+    for (const std::optional<std::string>& unset : {std::optional<std::string>(), std::optional<std::string>("")}) {
+        environment.set("TOBRIN_SENSOR_REPLAY", unset);
+        EXPECT_FALSE(findMotionSource());
+        EXPECT_FALSE(ForceSensor::isAvailable());
+    }
+    const fs::path replay = scratch / "replay.txt";
+    environment.set("TOBRIN_SENSOR_REPLAY", replay.string());
+    const auto found = findMotionSource();
+    const auto* recorded = dynamic_cast<RecordedMotionSource*>(found.get());
+    ASSERT_TRUE(recorded) << "no device: the replay";
+    EXPECT_EQ(recorded->path(), replay);
+    EXPECT_TRUE(ForceSensor::isAvailable());
     tree.hidraw(0, accelerometerDescriptor);
     EXPECT_TRUE(dynamic_cast<HidrawMotionSource*>(findMotionSource().get()));
-    EXPECT_TRUE(ForceSensor::isAvailable());
-    ::unsetenv("TOBRIN_SENSOR_REPLAY");
     MotionDevices::add(scratch / "nothing");
 }
 

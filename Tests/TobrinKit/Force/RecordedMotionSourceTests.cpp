@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <limits>
@@ -241,25 +240,6 @@ TEST(RecordedMotionSource, StopEndsALongReplayAtOnce) {
     source.stop(); // would hang for an hour if the wait ignored it
     EXPECT_EQ(delivered.load(), 1);
     EXPECT_FALSE(source.isFinished());
-}
-
-TEST(RecordedMotionSource, IsFoundThroughTheEnvironment) {
-    const auto path = testFile("env.replay");
-    ASSERT_EQ(unsetenv("TOBRIN_SENSOR_REPLAY"), 0);
-    EXPECT_EQ(findMotionSource(), nullptr);
-    EXPECT_FALSE(ForceSensor::isAvailable());
-
-    ASSERT_EQ(setenv("TOBRIN_SENSOR_REPLAY", path.c_str(), 1), 0);
-    auto found = findMotionSource();
-    ASSERT_NE(found, nullptr);
-    auto* replay = dynamic_cast<RecordedMotionSource*>(found.get());
-    ASSERT_NE(replay, nullptr);
-    EXPECT_EQ(replay->path(), path);
-    EXPECT_TRUE(ForceSensor::isAvailable());
-
-    ASSERT_EQ(setenv("TOBRIN_SENSOR_REPLAY", "", 1), 0);
-    EXPECT_EQ(findMotionSource(), nullptr);
-    unsetenv("TOBRIN_SENSOR_REPLAY");
 }
 
 // Run under ThreadSanitizer by tools/test: the replay thread writes the ring
