@@ -67,6 +67,13 @@ public:
 
     // The watch the source owns; this object must outlive it.
     std::unique_ptr<KeyboardWatch> watch() { return std::make_unique<Watch>(*this); }
+    // An evdev key source on these keyboards, for a key monitor.
+    KeySourceFactory factory() {
+        KeySourceFactory pipes;
+        pipes.name = "evdev";
+        pipes.create = [this] { return std::make_unique<EvdevKeySource>(watch()); };
+        return pipes;
+    }
 
 private:
     class Watch final : public KeyboardWatch {

@@ -1,6 +1,8 @@
 #include "TobrinKit/Input/Desktop/DesktopShortcuts.h"
 #include "TobrinKit/Input/Xkb/KeyboardLayout.h"
 
+#include "Support/TemporaryFolder.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -58,17 +60,12 @@ TEST(DesktopShortcuts, ParsesTheActiveShortcutsOfKdeEntries) {
 
 class KdeShortcutsTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        folder = std::filesystem::temp_directory_path() /
-                 ("tobrin-kde-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
-                  std::to_string(::getpid()));
-        std::filesystem::create_directories(folder);
+    KdeShortcutsTest() {
         desktop.kde = true;
         desktop.kdeShortcuts = folder / "kglobalshortcutsrc";
     }
-    void TearDown() override { std::filesystem::remove_all(folder); }
 
-    std::filesystem::path folder;
+    test::TemporaryFolder folder;
     DesktopShortcuts::Desktop desktop;
     const std::optional<KeyboardLayout> us = KeyboardLayout::fromNames({"evdev", "pc105", "us", "", ""});
 };

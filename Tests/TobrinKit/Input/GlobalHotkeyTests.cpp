@@ -134,10 +134,7 @@ TEST_F(X11GlobalHotkeyTest, TheDisplayStringNamesTheKeyAsTheServersLayoutDoes) {
 TEST(EvdevGlobalHotkey, IsMatchedInTheKeyStreamAndRunsOncePerPressWithoutSound) {
     test::PipeKeyboards keyboards;
     test::KeyRecorder recorder;
-    KeySourceFactory pipes;
-    pipes.name = "evdev";
-    pipes.create = [&] { return std::make_unique<EvdevKeySource>(keyboards.watch()); };
-    KeyMonitor monitor(recorder.handler(), {pipes}, "");
+    KeyMonitor monitor(recorder.handler(), {keyboards.factory()}, "");
     const auto keyboard = keyboards.plugIn();
     ASSERT_TRUE(monitor.start());
 

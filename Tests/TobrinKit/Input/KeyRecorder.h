@@ -5,6 +5,8 @@
 
 #include "Support/Eventually.h"
 
+#include <gtest/gtest.h>
+
 #include <pthread.h>
 
 #include <cstddef>
@@ -54,6 +56,19 @@ public:
     }
     bool waitForCount(std::size_t count) const {
         return eventually([&] { return this->count() >= count; });
+    }
+    bool waitForSteps(const std::vector<KeyStep>& expected) const {
+        return eventually([&] { return steps() == expected; });
+    }
+    // The handler ran on the monitor's thread, and every event was stamped
+    // in order on the monotonic clock between `before` and `after`.
+    void expectStampedBetween(std::uint64_t before, std::uint64_t after) const {
+        EXPECT_EQ(threadName(), "Tobrin.KeyMonit");
+        const auto all = events();
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            EXPECT_GE(all[i].time, i ? all[i - 1].time : before);
+            EXPECT_LE(all[i].time, after);
+        }
     }
     void clear() {
         std::lock_guard guard(lock_);

@@ -1,88 +1,38 @@
 // Key codes go from the source to the handler and nowhere else. A process
 // that runs the key monitor while 1200 key events are typed is traced with
 // strace: every write, send, connect and file opened for writing is seen.
+#include "Support/Eventually.h"
 #include "Support/PrivateXServer.h"
+#include "Support/RunningProgram.h"
+#include "Support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 #include <linux/input-event-codes.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 namespace tobrin {
 namespace {
 
-// One line of the child's standard output, or "" after `seconds`.
-std::string readLine(int fd, int seconds) {
-    std::string line;
-    char c;
-    pollfd polled{fd, POLLIN, 0};
-    while (::poll(&polled, 1, seconds * 1000) == 1 && ::read(fd, &c, 1) == 1) {
-        line += c;
-        if (c == '\n') break;
-    }
-    return line;
-}
-
 TEST(Privacy, NoKeyCodeLeavesTheMonitorsProcess) {
     test::PrivateXServer server;
-    const auto folder = std::filesystem::temp_directory_path() / ("tobrin-privacy-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder);
-    const auto trace = folder / "trace", errors = folder / "stderr";
+    test::TemporaryFolder folder;
+    const auto trace = folder / "trace";
     constexpr int taps = 600;
-
-    int out[2];
-    ASSERT_EQ(::pipe(out), 0);
-    std::vector<std::string> words = {
-        "strace",
-        "-f",
-        "-qq",
-        "-s",
-        "64",
-        "-o",
-        trace.string(),
-        "-e",
-        "trace=write,writev,pwrite64,pwritev,pwritev2,send,sendto,sendmsg,sendmmsg,open,openat,creat,"
-        "connect,rename,renameat,renameat2,truncate,ftruncate",
-        TOBRIN_KEY_PRIVACY_PROBE,
-        server.display(),
-        std::to_string(2 * taps)};
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    posix_spawn_file_actions_addopen(&actions, 2, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t child = -1;
-    ASSERT_EQ(posix_spawnp(&child, "strace", &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-
-    std::string output = readLine(out[0], 30);
-    ASSERT_EQ(output, "ready\n");
+    test::RunningProgram probe({"/usr/bin/strace", "-f", "-qq", "-s", "64", "-o", trace.string(), "-e",
+                                "trace=write,writev,pwrite64,pwritev,pwritev2,send,sendto,sendmsg,sendmmsg,open,"
+                                "openat,creat,connect,rename,renameat,renameat2,truncate,ftruncate",
+                                TOBRIN_KEY_PRIVACY_PROBE, server.display(), std::to_string(2 * taps)},
+                               {}, (folder / "output").string());
+    ASSERT_TRUE(test::eventually([&] { return probe.output() == "ready\n"; }, std::chrono::seconds(30)))
+        << probe.output();
     test::FakeKeyboard keyboard(server.display());
     const std::uint16_t keys[] = {KEY_P, KEY_A, KEY_S, KEY_W, KEY_O, KEY_R, KEY_D, KEY_1, KEY_ENTER, KEY_LEFTSHIFT};
     for (int i = 0; i < taps; ++i) keyboard.tap(keys[i % std::size(keys)]);
-    output += readLine(out[0], 60);
-    ::close(out[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-    // Standard output holds the two lines the probe writes itself, standard
-    // error nothing.
-    EXPECT_EQ(output, "ready\ndone " + std::to_string(2 * taps) + "\n");
-    EXPECT_EQ(std::filesystem::file_size(errors), 0u);
+    ASSERT_EQ(probe.wait(std::chrono::seconds(60)), 0) << probe.output();
+    // Standard output and error together: the two lines the probe writes itself.
+    EXPECT_EQ(probe.output(), "ready\ndone " + std::to_string(2 * taps) + "\n");
 
     std::ifstream in(trace);
     std::vector<std::string> lines;
@@ -122,7 +72,6 @@ TEST(Privacy, NoKeyCodeLeavesTheMonitorsProcess) {
     }
     EXPECT_EQ(leaks, std::vector<std::string>{});
     EXPECT_TRUE(traced) << "the trace missed the end of the run";
-    std::filesystem::remove_all(folder);
 }
 
 } // namespace
