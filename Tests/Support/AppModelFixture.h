@@ -22,9 +22,6 @@
 #include <gtest/gtest.h>
 #include <linux/input-event-codes.h>
 
-#include <fstream>
-#include <sstream>
-
 namespace tobrin::app {
 
 using namespace std::chrono_literals;
@@ -63,13 +60,6 @@ public:
     void interrupt() override {}
 };
 
-inline std::string contents(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 class AppModelTest : public ::testing::Test {
 protected:
     AppModelTest() { test::ensureQtApplication(); }
@@ -81,8 +71,7 @@ protected:
         audio = std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
         parts.audio = audio;
         parts.sensor = sensor;
-        KeySourceFactory pipes;
-        pipes.name = "evdev";
+        KeySourceFactory pipes = keyboards.factory();
         pipes.create = [this]() -> std::unique_ptr<KeySource> {
             if (access != KeyboardAccess::granted || !keyboardsOpen) return std::make_unique<Unreadable>();
             return std::make_unique<EvdevKeySource>(keyboards.watch());

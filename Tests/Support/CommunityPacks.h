@@ -5,6 +5,7 @@
 // A suite using it links libarchive and libsndfile.
 
 #include "Support/SoundFiles.h"
+#include "Support/TemporaryFolder.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -66,11 +67,6 @@ inline void writeZip(const std::filesystem::path& path, const std::vector<ZipEnt
     }
     archive_write_close(zip);
     archive_write_free(zip);
-}
-
-inline std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline constexpr int ogg = SF_FORMAT_OGG | SF_FORMAT_VORBIS;

@@ -1,6 +1,6 @@
 #pragma once
 // Recordings for the microphone watch's tests: Recorder runs a recording
-// program (parec, pw-record) in a child process, as another application would;
+// program (parec, pw-record) as another application would;
 // OwnRecording records from this process through libpulse. Both record from
 // the sound server this process's environment points at (SoundServers.h) and
 // throw the data away.
@@ -8,58 +8,32 @@
 #include <pulse/error.h>
 #include <pulse/simple.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "Support/RunningProgram.h"
 
 #include <filesystem>
-#include <stdexcept>
+#include <memory>
 #include <string>
-#include <utility>
 
 namespace tobrin::test {
 
 class Recorder {
 public:
     // `program` is "parec" or "pw-record"; `source` the source to record
-    // from; pw-record's file goes into `folder`.
+    // from; what it records goes into `folder`.
     Recorder(const std::string& program, const std::string& source, const std::filesystem::path& folder) {
-        const std::string device = "--device=" + source;
-        const std::string file = (folder / ("recording-" + std::to_string(++count()) + ".wav")).string();
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            const int null = ::open("/dev/null", O_RDWR);
-            ::dup2(null, STDOUT_FILENO);
-            ::dup2(null, STDERR_FILENO);
-            if (program == "pw-record")
-                ::execlp("pw-record", "pw-record", "--target", source.c_str(), file.c_str(),
-                         static_cast<char*>(nullptr));
-            else
-                ::execlp(program.c_str(), program.c_str(), device.c_str(), "--raw", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        if (pid_ < 0) throw std::runtime_error("could not start " + program);
+        static int recordings = 0;
+        const std::string file = (folder / ("recording-" + std::to_string(++recordings))).string();
+        const auto words = program == "pw-record"
+                               ? std::vector<std::string>{"/usr/bin/pw-record", "--target", source, file + ".wav"}
+                               : std::vector<std::string>{"/usr/bin/" + program, "--device=" + source, "--raw"};
+        program_ = std::make_unique<RunningProgram>(words, std::map<std::string, std::string>{}, file + ".out");
     }
-    ~Recorder() { stop(); }
-    Recorder(Recorder&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
-    Recorder& operator=(Recorder&&) = delete;
 
-    std::int32_t pid() const { return std::int32_t(pid_); }
-
-    void stop() {
-        if (pid_ <= 0) return;
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    std::int32_t pid() const { return std::int32_t(program_->pid()); }
+    void stop() { program_->stop(); }
 
 private:
-    static int& count() {
-        static int recordings = 0;
-        return recordings;
-    }
-    pid_t pid_ = -1;
+    std::unique_ptr<RunningProgram> program_;
 };
 
 class OwnRecording {

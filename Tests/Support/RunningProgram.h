@@ -4,6 +4,8 @@
 // reads, and it is ended by process id when the object goes, also when the
 // test fails.
 
+#include "Support/TemporaryFolder.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -12,10 +14,8 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -92,11 +92,11 @@ public:
         return status_;
     }
 
-    std::string output() const {
-        std::ifstream in(outputFile_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
+    std::string output() const { return readFile(outputFile_); }
+    // Ends it with SIGTERM and waits until it has.
+    void stop() {
+        signal(SIGTERM);
+        wait(std::chrono::seconds(10));
     }
 
     pid_t pid() const { return pid_; }

@@ -7,6 +7,8 @@
 //
 // A suite using it defines TOBRIN_SOUND_SERVERS_SCRIPT (the script's path).
 
+#include "Support/Environment.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -21,7 +23,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -71,12 +72,6 @@ public:
     ~PrivateSoundServer() {
         stop();
         releaseGuardian();
-        for (const auto& [name, value] : saved_) {
-            if (value)
-                ::setenv(name.c_str(), value->c_str(), 1);
-            else
-                ::unsetenv(name.c_str());
-        }
         std::error_code ignored;
         std::filesystem::remove_all(folder_, ignored);
     }
@@ -96,14 +91,9 @@ public:
             from = end + 1;
             const std::size_t equals = line.find('=');
             if (equals == std::string::npos) continue;
-            const std::string name = line.substr(0, equals);
-            if (!saved_.count(name)) {
-                const char* old = std::getenv(name.c_str());
-                saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-            }
-            ::setenv(name.c_str(), line.substr(equals + 1).c_str(), 1);
+            environment_.set(line.substr(0, equals).c_str(), line.substr(equals + 1));
         }
-        ::unsetenv("PIPEWIRE_REMOTE");
+        environment_.set("PIPEWIRE_REMOTE", std::nullopt);
         return true;
     }
 
@@ -151,7 +141,7 @@ private:
 
     SoundServerKind kind_;
     std::filesystem::path folder_;
-    std::map<std::string, std::optional<std::string>> saved_;
+    Environment environment_; // put back when the servers are gone
     pid_t guardian_ = -1;
     int lifeline_ = -1;
 };

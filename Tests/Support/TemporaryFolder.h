@@ -1,13 +1,20 @@
 #pragma once
 // A fresh folder under /tmp for one test, removed with everything in it when
-// the object goes.
+// the object goes; and reading a file back whole.
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
 namespace tobrin::test {
+
+inline std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 class TemporaryFolder {
 public:

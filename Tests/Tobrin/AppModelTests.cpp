@@ -55,7 +55,7 @@ TEST_F(AppModelTest, TheSamePackSetAgainNeitherWritesNorReloadsAndAnotherIsSaved
     model->select(other);
     EXPECT_TRUE(model->isLoadingPack());
     ASSERT_TRUE(until([&] { return !model->isLoadingPack(); }));
-    EXPECT_NE(contents(settingsPath).find("\"selectedPack\": \"" + other.id + "\""), std::string::npos);
+    EXPECT_NE(test::readFile(settingsPath).find("\"selectedPack\": \"" + other.id + "\""), std::string::npos);
     EXPECT_EQ(model->packError().toStdString(), "");
     EXPECT_TRUE(keyIsHeard());
 }
@@ -82,12 +82,12 @@ TEST_F(AppModelTest, TheShortcutToggledTwiceRestoresAndSavesEnabled) {
     pressShortcut();
     ASSERT_TRUE(until([&] { return !model->settings().enabled; }));
     EXPECT_EQ(model->statusLine().toStdString(), "Off");
-    EXPECT_NE(contents(settingsPath).find("\"enabled\": false"), std::string::npos);
+    EXPECT_NE(test::readFile(settingsPath).find("\"enabled\": false"), std::string::npos);
     EXPECT_TRUE(keyIsSilent());
 
     pressShortcut();
     ASSERT_TRUE(until([&] { return model->settings().enabled; }));
-    EXPECT_NE(contents(settingsPath).find("\"enabled\": true"), std::string::npos);
+    EXPECT_NE(test::readFile(settingsPath).find("\"enabled\": true"), std::string::npos);
     EXPECT_TRUE(keyIsHeard());
     model.reset();
     EXPECT_TRUE(start()->settings().enabled);
@@ -179,26 +179,15 @@ TEST_F(AppModelTest, LaunchAtLoginWritesTheAutostartEntryAndReadsItBack) {
     EXPECT_FALSE(model->launchAtLogin());
 }
 
-// A bus of its own where this test may own logind's name.
-class PrivateBus {
-public:
-    explicit PrivateBus(const test::TemporaryFolder& folder)
-        : address_("unix:path=" + (folder / "bus").string()),
-          daemon_({"/usr/bin/dbus-daemon", "--session", "--nofork", "--address=" + address_}, {},
-                  (folder / "dbus.log").string()) {}
-    const std::string& address() const { return address_; }
-
-private:
-    std::string address_;
-    test::RunningProgram daemon_;
-};
-
 TEST_F(AppModelTest, LogindsWakeSignalOnTheSystemBusRefreshesTheMicrophoneWatch) {
-    PrivateBus bus(folder);
+    // A bus of its own where this test may own logind's name.
+    const std::string bus = "unix:path=" + (folder / "bus").string();
+    test::RunningProgram daemon({"/usr/bin/dbus-daemon", "--session", "--nofork", "--address=" + bus}, {},
+                                (folder / "dbus.log").string());
     ASSERT_TRUE(test::eventually([&] { return std::filesystem::exists(folder / "bus"); }));
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
     {
-        auto logind = QDBusConnection::connectToBus(QString::fromStdString(bus.address()), "logind");
+        auto logind = QDBusConnection::connectToBus(QString::fromStdString(bus), "logind");
         ASSERT_TRUE(logind.isConnected());
         ASSERT_TRUE(logind.registerService("org.freedesktop.login1"));
         LogindWake wake;

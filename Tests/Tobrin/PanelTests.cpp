@@ -146,7 +146,7 @@ TEST_F(PanelTest, TheVolumeSliderSetsTheEnginesMasterGain) {
     EXPECT_TRUE(until([&] { return audio->volume() == 1.0f; }, 2000ms)) << audio->volume();
     QTest::keyClick(volume, Qt::Key_Home);
     EXPECT_TRUE(until([&] { return audio->volume() == 0.0f; }, 2000ms)) << audio->volume();
-    EXPECT_NE(contents(settingsPath).find("\"volume\": 0.0"), std::string::npos);
+    EXPECT_NE(test::readFile(settingsPath).find("\"volume\": 0.0"), std::string::npos);
 }
 
 TEST_F(PanelTest, TheSwitchesWriteTheirSettings) {
@@ -177,9 +177,9 @@ TEST_F(PanelTest, TheSwitchesWriteTheirSettings) {
     // What the panel wrote is what the file keeps.
     auto* stereo = control<QCheckBox>("Stereo by key position");
     QTest::keyClick(stereo, Qt::Key_Space);
-    EXPECT_NE(contents(settingsPath).find("\"spatial\": 0.0"), std::string::npos);
+    EXPECT_NE(test::readFile(settingsPath).find("\"spatial\": 0.0"), std::string::npos);
     QTest::keyClick(stereo, Qt::Key_Space);
-    EXPECT_NE(contents(settingsPath).find("\"spatial\": 0.5"), std::string::npos);
+    EXPECT_NE(test::readFile(settingsPath).find("\"spatial\": 0.5"), std::string::npos);
 }
 
 TEST_F(PanelTest, EveryControlHasAnAccessibleNameAndTakesTheFocus) {
@@ -221,12 +221,7 @@ TEST_F(PanelTest, TheForceMeterShowsTheReadingInItsTierColourAndMovesThere) {
         {6.0f, 3.0f, 0.05f, 1.0, "Last key: 6.0\u00d7 a typical keystroke (0.050 g)", QColor(0xe0, 0x1b, 0x24)},
     };
     for (const auto& c : cases) {
-        ForceReading reading;
-        reading.relative = c.relative;
-        reading.position = c.position;
-        reading.peak = c.peak;
-        reading.sensed = true;
-        meter.setReading(reading);
+        meter.setReading(ForceReading{.position = c.position, .relative = c.relative, .peak = c.peak, .sensed = true});
         EXPECT_EQ(meter.caption().toStdString(), c.caption);
         EXPECT_EQ(meter.barColor(), c.colour);
         EXPECT_DOUBLE_EQ(meter.targetFill(), c.fill);
@@ -268,7 +263,7 @@ TEST(PanelSnapshot, EachStateIsItsOwnPictureOfThePanel) {
     std::filesystem::create_directories(broken);
     const auto builtIn = PackLibrary::discover(TOBRIN_BUILT_IN_PACKS_DIR, true);
     ASSERT_FALSE(builtIn.empty());
-    auto manifest = nlohmann::json::parse(contents(builtIn.front().directory / "pack.json"));
+    auto manifest = nlohmann::json::parse(test::readFile(builtIn.front().directory / "pack.json"));
     manifest["id"] = "broken";
     manifest["name"] = "Broken";
     std::ofstream(broken / "pack.json") << manifest.dump();

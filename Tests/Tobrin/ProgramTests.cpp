@@ -17,22 +17,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 namespace tobrin {
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = test::SinkCapture::Clock;
-
-std::string contents(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // The environment of a user session on the private servers, with its own
 // configuration folder and the built-in packs of this build.
@@ -89,7 +80,7 @@ public:
         keyboard.sync();
     }
     bool settingsSay(const std::string& text, std::chrono::milliseconds timeout = 3000ms) {
-        return test::eventually([&] { return contents(settings()).find(text) != std::string::npos; }, timeout);
+        return test::eventually([&] { return test::readFile(settings()).find(text) != std::string::npos; }, timeout);
     }
 
     test::TemporaryFolder folder;
@@ -123,7 +114,7 @@ TEST(Program, TypingIsHeardTheShortcutSilencesAndRestoresAndSigtermEndsItCleanly
     tobrin->signal(SIGTERM);
     EXPECT_EQ(tobrin->wait(1000ms), 0) << tobrin->output();
     EXPECT_LT(Clock::now() - asked, 1000ms);
-    const auto saved = nlohmann::json::parse(contents(session.settings()));
+    const auto saved = nlohmann::json::parse(test::readFile(session.settings()));
     EXPECT_EQ(saved.at("engineSettings").at("enabled"), true);
     EXPECT_EQ(saved.at("selectedPack"), "blue-click");
 }
@@ -192,15 +183,15 @@ TEST(Program, TheSelfTestPassesOnRealServersAndFailsInWordsWithoutThem) {
     EXPECT_NE(output.find("PASS  found " + std::to_string(packs) + " sound packs\n"), std::string::npos) << output;
     EXPECT_EQ(output.find("SKIP  motion sensor (not on this computer)\n") != std::string::npos, true);
 
-    auto environment = session.environment();
-    environment["DISPLAY"] = "";
-    environment["XDG_RUNTIME_DIR"] = (session.folder / "nothing").string();
-    environment["PIPEWIRE_RUNTIME_DIR"] = (session.folder / "nothing").string();
-    environment["PULSE_SERVER"] = "unix:" + (session.folder / "nothing/native").string();
-    environment["TOBRIN_KEYS"] = "x11";
-    test::RunningProgram failing({TOBRIN_APP, "--selftest"}, environment, (session.folder / "failing.log").string());
-    ASSERT_EQ(failing.wait(20s), 1) << failing.output();
-    const std::string failed = failing.output();
+    const auto nowhere = (session.folder / "nothing").string();
+    auto failing = session.run({"--selftest"}, "failing.log",
+                               {{"DISPLAY", ""},
+                                {"XDG_RUNTIME_DIR", nowhere},
+                                {"PIPEWIRE_RUNTIME_DIR", nowhere},
+                                {"PULSE_SERVER", "unix:" + nowhere + "/native"},
+                                {"TOBRIN_KEYS", "x11"}});
+    ASSERT_EQ(failing->wait(20s), 1) << failing->output();
+    const std::string failed = failing->output();
     EXPECT_NE(failed.find("FAIL  keyboard capture (keyboard access): "), std::string::npos) << failed;
     EXPECT_NE(failed.find("FAIL  audio engine running: no sound server"), std::string::npos) << failed;
     EXPECT_TRUE(std::regex_search(failed, std::regex("\n[0-9]+ check\\(s\\) failed\\.\n$"))) << failed;
@@ -243,13 +234,13 @@ TEST(Program, TheProbeWritesBothFilesInTheirFormatAndARecordingOfTheSensor) {
     traces.replace_extension();
     const auto replayed = traces.string() + "-sensor.replay";
     traces += "-traces.csv";
-    EXPECT_TRUE(std::regex_match(contents(csv), std::regex("index,group,offset_ms,peak_g\n"
-                                                           "0,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
-                                                           "1,space,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
-                                                           "2,enter,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
-                                                           "3,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n")))
-        << contents(csv);
-    EXPECT_TRUE(std::regex_match(contents(traces),
+    EXPECT_TRUE(std::regex_match(test::readFile(csv), std::regex("index,group,offset_ms,peak_g\n"
+                                                                 "0,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
+                                                                 "1,space,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
+                                                                 "2,enter,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
+                                                                 "3,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n")))
+        << test::readFile(csv);
+    EXPECT_TRUE(std::regex_match(test::readFile(traces),
                                  std::regex("index,dt_ms,value_g\n([0-3],-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n)+")));
     // About 1000 reports a second were recorded, in the replay format.
     EXPECT_GT(SensorRecording::read(replayed).size(), 1500u);
@@ -279,10 +270,10 @@ TEST(Program, AnInstallToAnyPrefixFindsItsPacksAndBringsItsDesktopFiles) {
     ASSERT_EQ(install.exitStatus, 0) << install.output;
     EXPECT_TRUE(std::filesystem::is_regular_file(prefix / "bin/tobrin-pack"));
     EXPECT_TRUE(std::filesystem::is_regular_file(prefix / "share/icons/hicolor/scalable/apps/tobrin.svg"));
-    const std::string entry = contents(prefix / "share/applications/tobrin.desktop");
+    const std::string entry = test::readFile(prefix / "share/applications/tobrin.desktop");
     EXPECT_NE(entry.find("\nExec=tobrin\n"), std::string::npos) << entry;
     EXPECT_NE(entry.find("\nIcon=tobrin\n"), std::string::npos) << entry;
-    const std::string metainfo = contents(prefix / "share/metainfo/app.tobrin.Tobrin.metainfo.xml");
+    const std::string metainfo = test::readFile(prefix / "share/metainfo/app.tobrin.Tobrin.metainfo.xml");
     EXPECT_NE(metainfo.find("<launchable type=\"desktop-id\">tobrin.desktop</launchable>"), std::string::npos);
     EXPECT_EQ(metainfo.find('@'), std::string::npos) << "a placeholder was left: " << metainfo;
 

@@ -8,19 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 namespace tobrin::app {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string contents(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 void write(const std::filesystem::path& file, const std::string& text) {
     std::ofstream(file, std::ios::binary) << text;
@@ -46,7 +38,7 @@ TEST(SettingsFile, WhatIsSavedLoadsBackAndAMissingFileGivesTheDefaultsQuietly) {
     const auto loaded = file.load();
     EXPECT_EQ(loaded.state, customState());
     EXPECT_EQ(loaded.problem, "");
-    EXPECT_NE(contents(file.path()).find("\"selectedPack\": \"ocean\""), std::string::npos);
+    EXPECT_NE(test::readFile(file.path()).find("\"selectedPack\": \"ocean\""), std::string::npos);
 }
 
 TEST(SettingsFile, ABadFileGivesTheDefaultsForWhatDidNotDecodeAndIsKeptAsideUntouched) {
@@ -89,9 +81,9 @@ TEST(SettingsFile, ABadFileGivesTheDefaultsForWhatDidNotDecodeAndIsKeptAsideUnto
         EXPECT_EQ(loaded.keptAside->parent_path(), folder.path());
         EXPECT_EQ(loaded.keptAside->filename().string().rfind("settings.json.corrupt-", 0), 0u);
         if (c.folder)
-            EXPECT_EQ(contents(*loaded.keptAside / "inside"), "mine");
+            EXPECT_EQ(test::readFile(*loaded.keptAside / "inside"), "mine");
         else
-            EXPECT_EQ(contents(*loaded.keptAside), c.text);
+            EXPECT_EQ(test::readFile(*loaded.keptAside), c.text);
 
         // The next save writes a fresh file beside the kept one.
         ASSERT_EQ(file.save(loaded.state), "");
@@ -109,8 +101,8 @@ TEST(SettingsFile, TwoBadFilesInOneSecondAreBothKept) {
     const auto second = file.load().keptAside;
     ASSERT_TRUE(first && second);
     EXPECT_NE(*first, *second);
-    EXPECT_EQ(contents(*first), "first");
-    EXPECT_EQ(contents(*second), "second");
+    EXPECT_EQ(test::readFile(*first), "first");
+    EXPECT_EQ(test::readFile(*second), "second");
 }
 
 TEST(SettingsFile, AFolderThatCannotBeWrittenGivesAMessageNotAFailure) {
@@ -150,7 +142,7 @@ TEST(LoginItem, TheAutostartEntryStartsThisExecutableAndOnlyAnEnabledEntryCounts
     EXPECT_FALSE(item.isEnabled());
     ASSERT_EQ(item.setEnabled(true), "");
     EXPECT_TRUE(item.isEnabled());
-    const std::string text = contents(entry);
+    const std::string text = test::readFile(entry);
     EXPECT_EQ(text.rfind("[Desktop Entry]\n", 0), 0u);
     EXPECT_NE(text.find("\nExec=\"/opt/my apps/to%%brin\"\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nType=Application\n"), std::string::npos);
