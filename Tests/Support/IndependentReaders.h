@@ -1,7 +1,7 @@
 #pragma once
 
 // Readers that do not share code with ours, for tests that check files we
-// write: libsndfile, the sox command-line tool and coreutils' sha256sum.
+// write: libsndfile and, through runCommand, tools such as coreutils' sha256sum.
 // Header-only; a suite using it links libsndfile (pkg-config sndfile).
 
 #include <sndfile.h>
@@ -28,6 +28,12 @@ struct SndfileContents {
     std::int64_t frames = 0;
     std::vector<short> samples; // interleaved, as stored (16-bit files)
     std::vector<float> floats;  // interleaved, scaled to [-1, 1)
+
+    std::vector<float> channel(int which) const {
+        std::vector<float> out(static_cast<std::size_t>(frames));
+        for (std::size_t i = 0; i < out.size(); ++i) out[i] = floats[i * std::size_t(channels) + std::size_t(which)];
+        return out;
+    }
 };
 
 // Everything libsndfile reads from `file`, or nothing when it cannot open it.
@@ -79,55 +85,6 @@ inline std::string quoted(const std::filesystem::path& path) {
             text += c;
     }
     return text + "'";
-}
-
-// What `sox --i` reports about a file.
-struct SoxInfo {
-    int channels = 0;
-    int sampleRate = 0;
-    int precisionBits = 0;
-    std::int64_t samples = 0; // frames
-    std::string encoding;     // e.g. "16-bit Signed Integer PCM"
-};
-
-// `sox --i` run once over all the files; the reports keyed by the path sox
-// prints. Files sox cannot read are missing from the result.
-inline std::map<std::string, SoxInfo> soxInfo(const std::vector<std::filesystem::path>& files) {
-    std::string command = "sox --i";
-    for (const auto& file : files) command += " " + quoted(file);
-    const CommandResult result = runCommand(command);
-    std::map<std::string, SoxInfo> reports;
-    std::istringstream lines(result.output);
-    std::string line, current;
-    const auto valueOf = [](const std::string& text) {
-        const auto colon = text.find(':');
-        return colon == std::string::npos ? std::string() : text.substr(colon + 2);
-    };
-    try {
-        while (std::getline(lines, line)) {
-            if (line.rfind("Input File", 0) == 0) {
-                const std::string value = valueOf(line);
-                current = value.size() >= 2 ? value.substr(1, value.size() - 2) : value;
-                reports[current] = SoxInfo{};
-            } else if (current.empty()) {
-                continue;
-            } else if (line.rfind("Channels", 0) == 0) {
-                reports[current].channels = std::stoi(valueOf(line));
-            } else if (line.rfind("Sample Rate", 0) == 0) {
-                reports[current].sampleRate = std::stoi(valueOf(line));
-            } else if (line.rfind("Precision", 0) == 0) {
-                reports[current].precisionBits = std::stoi(valueOf(line));
-            } else if (line.rfind("Duration", 0) == 0) {
-                const auto equals = line.find("= ");
-                if (equals != std::string::npos) reports[current].samples = std::stoll(line.substr(equals + 2));
-            } else if (line.rfind("Sample Encoding", 0) == 0) {
-                reports[current].encoding = valueOf(line);
-            }
-        }
-    } catch (const std::exception&) {
-        return {};
-    }
-    return reports;
 }
 
 } // namespace tobrin::test

@@ -2,6 +2,8 @@
 // Test helpers: scratch folders and sound files written with libsndfile, the
 // same library real packs are decoded with, but driven through its own API.
 
+#include "Support/TemporaryFolder.h"
+
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
@@ -9,6 +11,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <numbers>
 #include <string>
 #include <unistd.h>
@@ -89,6 +92,27 @@ inline void writeText(const std::filesystem::path& path, const std::string& text
     std::filesystem::create_directories(path.parent_path());
     std::ofstream out(path, std::ios::binary);
     out << text;
+}
+
+// Every regular file below `folder`, by relative path, with its bytes.
+inline std::map<std::string, std::string> treeOf(const std::filesystem::path& folder) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) files[std::filesystem::relative(entry.path(), folder).string()] = readFile(entry);
+    }
+    return files;
+}
+
+// The message of the `Error` that `action` throws, as the user reads it, or
+// "(no error)". An exception of another type is not caught.
+template <class Error = std::exception, class Action>
+std::string errorOf(Action&& action) {
+    try {
+        action();
+    } catch (const Error& error) {
+        return error.what();
+    }
+    return "(no error)";
 }
 
 } // namespace tobrin::test

@@ -1,15 +1,11 @@
 // tobrin-pack import, run as a user would, and the imported pack rendered.
 #include "Support/CommunityPacks.h"
-#include "Support/IndependentReaders.h"
+#include "Support/PackTool.h"
 
 #include <gtest/gtest.h>
 
 namespace tobrin {
 namespace {
-
-test::CommandResult tool(const std::string& arguments) {
-    return test::runCommand(test::quoted(TOBRIN_PACK_TOOL) + " " + arguments);
-}
 
 TEST(ImportVerb, ImportsAPackThatRendersAndLeavesAFolderItDidNotWrite) {
     test::ScratchFolder scratch;
@@ -17,25 +13,28 @@ TEST(ImportVerb, ImportsAPackThatRendersAndLeavesAFolderItDidNotWrite) {
     test::writeText(scratch / "src" / "config.json", R"({"name":"Clicks","key_define_type":"multi",
         "includes_numpad":false,"sound":"click.wav","defines":{"30":"click.wav","57":"gone.wav"}})");
 
-    const auto imported = tool("import " + test::quoted(scratch / "src") + " " + test::quoted(scratch / "clicks"));
+    const auto imported =
+        test::packTool("import " + test::quoted(scratch / "src") + " " + test::quoted(scratch / "clicks"));
     ASSERT_EQ(imported.exitStatus, 0) << imported.output;
     EXPECT_NE(imported.output.find("Clicks\t"), std::string::npos) << imported.output;
     EXPECT_NE(imported.output.find("1 keys (1 with the sound the source gives them), 1 sound files"), std::string::npos)
         << imported.output;
     EXPECT_NE(imported.output.find("skipped: \"gone.wav\": No such file or directory"), std::string::npos);
 
-    const auto rendered =
-        tool("render " + test::quoted(scratch / "clicks") + " " + test::quoted(scratch / "out.wav") + " --text 'a a'");
+    const auto rendered = test::packTool("render " + test::quoted(scratch / "clicks") + " " +
+                                         test::quoted(scratch / "out.wav") + " --text 'a a'");
     ASSERT_EQ(rendered.exitStatus, 0) << rendered.output;
     EXPECT_TRUE(test::readWithSndfile(scratch / "out.wav"));
 
     test::writeText(scratch / "mine" / "notes.txt", "keep");
-    const auto refused = tool("import " + test::quoted(scratch / "src") + " " + test::quoted(scratch / "mine"));
+    const auto refused =
+        test::packTool("import " + test::quoted(scratch / "src") + " " + test::quoted(scratch / "mine"));
     EXPECT_EQ(refused.exitStatus, 1);
     EXPECT_NE(refused.output.find("is in the way"), std::string::npos) << refused.output;
     EXPECT_EQ(test::readFile(scratch / "mine" / "notes.txt"), "keep");
 
-    const auto broken = tool("import " + test::quoted(scratch / "nowhere") + " " + test::quoted(scratch / "x"));
+    const auto broken =
+        test::packTool("import " + test::quoted(scratch / "nowhere") + " " + test::quoted(scratch / "x"));
     EXPECT_EQ(broken.exitStatus, 1);
     EXPECT_NE(broken.output.find("cannot import"), std::string::npos) << broken.output;
 }

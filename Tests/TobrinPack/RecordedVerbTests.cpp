@@ -1,6 +1,6 @@
 // tobrin-pack build and slice, run as a user would.
 #include "Support/CommunityPacks.h"
-#include "Support/IndependentReaders.h"
+#include "Support/PackTool.h"
 #include "Support/TypingRecordings.h"
 
 #include "TobrinKit/Packs/PackInfo.h"
@@ -11,10 +11,6 @@
 
 namespace tobrin {
 namespace {
-
-test::CommandResult tool(const std::string& arguments) {
-    return test::runCommand(test::quoted(TOBRIN_PACK_TOOL) + " " + arguments);
-}
 
 TEST(RecordedVerbs, BuildWritesAPackAndSliceListsTheHits) {
     test::ScratchFolder scratch;
@@ -33,7 +29,7 @@ TEST(RecordedVerbs, BuildWritesAPackAndSliceListsTheHits) {
     const std::string places =
         " --cache " + test::quoted(scratch / "cache") + " --out " + test::quoted(scratch / "packs");
 
-    const auto built = tool("build " + test::quoted(scratch / "desk.json") + places);
+    const auto built = test::packTool("build " + test::quoted(scratch / "desk.json") + places);
     ASSERT_EQ(built.exitStatus, 0) << built.output;
     EXPECT_NE(built.output.find("    downloading file://"), std::string::npos) << built.output;
     EXPECT_NE(built.output.find(" takes to desk/  (-28.0 LUFS)\n"), std::string::npos) << built.output;
@@ -41,20 +37,20 @@ TEST(RecordedVerbs, BuildWritesAPackAndSliceListsTheHits) {
 
     recipe.erase("sources");
     test::writeText(scratch / "bad.json", recipe.dump());
-    const auto bad = tool("build " + test::quoted(scratch / "bad.json") + places);
+    const auto bad = test::packTool("build " + test::quoted(scratch / "bad.json") + places);
     EXPECT_EQ(bad.exitStatus, 1);
     EXPECT_NE(bad.output.find("\"sources\" is missing"), std::string::npos) << bad.output;
 
-    const auto listed = tool("slice " + test::quoted(scratch / "cache" / "7.wav") + " --json");
+    const auto listed = test::packTool("slice " + test::quoted(scratch / "cache" / "7.wav") + " --json");
     ASSERT_EQ(listed.exitStatus, 0) << listed.output;
     const auto document = nlohmann::json::parse(listed.output);
     EXPECT_GE(document["hits"].size(), 40u); // presses and releases
     EXPECT_TRUE(document["hits"][0]["onset"].is_number_unsigned());
     EXPECT_TRUE(document["report"].get<std::string>().ends_with(" dB"));
     const auto text =
-        tool("slice " + test::quoted(scratch / "cache" / "7.wav") + " --options '{\"noReleases\": true}'");
+        test::packTool("slice " + test::quoted(scratch / "cache" / "7.wav") + " --options '{\"noReleases\": true}'");
     EXPECT_NE(text.output.find(" 0 releases,"), std::string::npos) << text.output;
-    EXPECT_EQ(tool("slice " + test::quoted(scratch / "desk.json")).exitStatus, 1);
+    EXPECT_EQ(test::packTool("slice " + test::quoted(scratch / "desk.json")).exitStatus, 1);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #include "TobrinKit/Building/Loudness.h"
 
-#include "Support/IndependentReaders.h"
+#include "Support/PackTool.h"
 #include "Support/PeakMemory.h"
 #include "Support/SoundFiles.h"
 
@@ -16,26 +16,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
-testing::CommandResult render(const std::string& arguments) {
-    return testing::runCommand(testing::quoted(TOBRIN_PACK_TOOL) + " render " + arguments);
-}
+using test::builtInPack;
+using test::quoted;
+
+test::CommandResult render(const std::string& arguments) { return test::packTool("render " + arguments); }
 
 class RenderVerb : public ::testing::Test {
 protected:
-    void SetUp() override {
-        folder = fs::path(TOBRIN_TEST_BINARY_DIR) / "render-verb" /
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        fs::remove_all(folder);
-        fs::create_directories(folder);
-    }
-    fs::path builtIn(const std::string& id) const { return fs::path(TOBRIN_BUILT_IN_PACKS_DIR) / id; }
-    fs::path folder;
+    test::ScratchFolder folder;
 };
 
 TEST_F(RenderVerb, WritesAStereoTypingDemoAndPrintsItsLoudness) {
     const fs::path out = folder / "demo.wav";
-    const auto result =
-        render(testing::quoted(builtIn("cream")) + " " + testing::quoted(out) + " --text 'Hello world' --wpm 90");
+    const auto result = render(builtInPack("cream") + " " + quoted(out) + " --text 'Hello world' --wpm 90");
     ASSERT_EQ(result.exitStatus, 0) << result.output;
     std::smatch match;
     ASSERT_TRUE(
@@ -47,16 +40,12 @@ TEST_F(RenderVerb, WritesAStereoTypingDemoAndPrintsItsLoudness) {
     // Read back independently: 48 kHz stereo, as long as printed, both
     // channels sounding and placed apart, and the loudness printed is the
     // loudness of what the file holds.
-    const auto back = testing::readWithSndfile(out);
+    const auto back = test::readWithSndfile(out);
     ASSERT_TRUE(back);
     EXPECT_EQ(back->channels, 2);
     EXPECT_EQ(back->sampleRate, 48000);
     EXPECT_NEAR(double(back->frames) / 48000.0, std::stod(match[2].str()), 0.051);
-    std::vector<float> left(std::size_t(back->frames)), right(std::size_t(back->frames));
-    for (std::size_t i = 0; i < left.size(); ++i) {
-        left[i] = back->floats[2 * i];
-        right[i] = back->floats[2 * i + 1];
-    }
+    const auto left = back->channel(0), right = back->channel(1);
     EXPECT_NE(left, right);
     const double measured = Loudness::integrated(left, std::span<const float>(right), 48000);
     EXPECT_NEAR(measured, std::stod(match[3].str()), 0.02);
@@ -64,12 +53,8 @@ TEST_F(RenderVerb, WritesAStereoTypingDemoAndPrintsItsLoudness) {
 
     // The same command renders the same bytes.
     const fs::path again = folder / "again.wav";
-    ASSERT_EQ(
-        render(testing::quoted(builtIn("cream")) + " " + testing::quoted(again) + " --text 'Hello world' --wpm 90")
-            .exitStatus,
-        0);
-    std::ifstream a(out, std::ios::binary), b(again, std::ios::binary);
-    EXPECT_TRUE(std::equal(std::istreambuf_iterator<char>(a), {}, std::istreambuf_iterator<char>(b)));
+    ASSERT_EQ(render(builtInPack("cream") + " " + quoted(again) + " --text 'Hello world' --wpm 90").exitStatus, 0);
+    EXPECT_EQ(test::readFile(again), test::readFile(out));
 }
 
 TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
@@ -94,7 +79,7 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
     };
     for (const auto& c : cases) {
         const fs::path out = folder / "never.wav";
-        const auto result = render(testing::quoted(c.pack) + " " + testing::quoted(out));
+        const auto result = render(quoted(c.pack) + " " + quoted(out));
         EXPECT_EQ(result.exitStatus, 1) << c.pack << "\n" << result.output;
         EXPECT_EQ(result.output.rfind(c.expected, 0), 0u) << result.output;
         EXPECT_FALSE(fs::exists(out));
@@ -107,7 +92,7 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
 TEST_F(RenderVerb, LoadingAPackCostsAboutWhatItsDecodedTakesHold) {
     const auto pack = [&](const std::string& name, const std::string& manifest) {
         std::ofstream(folder / name / "pack.json") << manifest;
-        return testing::quoted(folder / name);
+        return quoted(folder / name);
     };
     const auto manifest = [](const std::string& takes) {
         return R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "test", "groups": {"alpha": {"down": {"soft": [)" +
@@ -126,8 +111,8 @@ TEST_F(RenderVerb, LoadingAPackCostsAboutWhatItsDecodedTakesHold) {
     const std::string huge = pack("huge", manifest(million));
 
     const auto run = [&](const std::string& packFolder) {
-        return testing::runMeasured(testing::quoted(TOBRIN_PACK_TOOL) + " render " + packFolder + " " +
-                                    testing::quoted(folder / "out.wav") + " --text a");
+        return test::runMeasured(quoted(TOBRIN_PACK_TOOL) + " render " + packFolder + " " + quoted(folder / "out.wav") +
+                                 " --text a");
     };
     const auto baseline = run(small);
     ASSERT_EQ(baseline.exitStatus, 0);
@@ -140,12 +125,12 @@ TEST_F(RenderVerb, LoadingAPackCostsAboutWhatItsDecodedTakesHold) {
 }
 
 TEST_F(RenderVerb, BadArgumentsAreUsageErrors) {
-    const std::string pack = testing::quoted(builtIn("cream"));
-    const std::string out = testing::quoted(folder / "x.wav");
+    const std::string pack = builtInPack("cream");
+    const std::string out = quoted(folder / "x.wav");
     for (const std::string& arguments : {pack, pack + " " + out + " --wpm 0", pack + " " + out + " --wpm fast",
                                          pack + " " + out + " --text", pack + " " + out + " --text '%%'"})
         EXPECT_EQ(render(arguments).exitStatus, 2) << arguments;
-    EXPECT_EQ(render(pack + " " + testing::quoted(folder / "no-such-folder" / "x.wav")).exitStatus, 1);
+    EXPECT_EQ(render(pack + " " + quoted(folder / "no-such-folder" / "x.wav")).exitStatus, 1);
 }
 
 TEST_F(RenderVerb, ALengthBeyondTenMinutesIsRefusedAndRunningOutOfMemoryIsAMessage) {
@@ -153,16 +138,16 @@ TEST_F(RenderVerb, ALengthBeyondTenMinutesIsRefusedAndRunningOutOfMemoryIsAMessa
     const fs::path text = folder / "long.txt";
     std::ofstream(text) << std::string(131000, 'a');
     const fs::path out = folder / "long.wav";
-    const auto refused = render(testing::quoted(builtIn("cream")) + " " + testing::quoted(out) +
-                                " --wpm 1 --text \"$(cat " + testing::quoted(text) + ")\"");
+    const auto refused =
+        render(builtInPack("cream") + " " + quoted(out) + " --wpm 1 --text \"$(cat " + quoted(text) + ")\"");
     EXPECT_EQ(refused.exitStatus, 2) << refused.output.substr(0, 300);
     EXPECT_NE(refused.output.find("a render is limited to 10 minutes"), std::string::npos) << refused.output;
     EXPECT_FALSE(fs::exists(out));
 
     // Nine minutes within an address space too small for them: a message, not an abort.
-    const auto starved = testing::runCommand("ulimit -v 150000 && " + testing::quoted(TOBRIN_PACK_TOOL) + " render " +
-                                             testing::quoted(builtIn("cream")) + " " + testing::quoted(out) +
-                                             " --wpm 20 --text \"$(printf 'ab %.0s' $(seq 300))\"");
+    const auto starved =
+        test::runCommand("ulimit -v 150000 && " + quoted(TOBRIN_PACK_TOOL) + " render " + builtInPack("cream") + " " +
+                         quoted(out) + " --wpm 20 --text \"$(printf 'ab %.0s' $(seq 300))\"");
     EXPECT_EQ(starved.exitStatus, 1) << starved.output;
     EXPECT_NE(starved.output.find("out of memory"), std::string::npos) << starved.output;
 }

@@ -116,11 +116,6 @@ TEST(LoudnessMeter, PiecesOfAnyLengthGiveTheWholeSignalsResultToTheBit) {
     EXPECT_EQ(Loudness::Meter(true).integrated(), -std::numeric_limits<double>::infinity());
 }
 
-TEST(Loudness, ReadsAFullScaleKilohertzSineInOneChannelAsMinusThreeLUFS) {
-    // The calibration point of the standard.
-    EXPECT_NEAR(Signal{test::sine(480000, 997, rate, 1.0)}.loudness(), -3.01, 0.05);
-}
-
 TEST(Loudness, ReturnsTheFloorOnlyWhenNoBlockPassesTheRelativeGate) {
     // A block of infinite energy passes the absolute gate, but its relative
     // threshold is infinite too, so nothing passes the relative gate. (Its
@@ -128,7 +123,6 @@ TEST(Loudness, ReturnsTheFloorOnlyWhenNoBlockPassesTheRelativeGate) {
     Signal signal{noise(19200, 0.5, 16)};
     signal.left.back() = std::numeric_limits<float>::infinity();
     EXPECT_EQ(signal.loudness(), Loudness::floorValue);
-    EXPECT_NEAR(Loudness::floorValue, -200.691, 1e-9);
 }
 
 TEST(LoudnessDeathTest, AcceptsOnlyFortyEightKilohertz) {

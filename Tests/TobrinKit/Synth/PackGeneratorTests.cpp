@@ -14,7 +14,6 @@
 #include <cmath>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,27 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<std::uint8_t> bytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// Relative paths of the regular files under `folder`, sorted.
-std::vector<std::string> filesUnder(const fs::path& folder) {
-    std::vector<std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        if (entry.is_regular_file()) files.push_back(fs::relative(entry.path(), folder).string());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-// Every regular file under `folder` with its bytes.
-std::map<std::string, std::vector<std::uint8_t>> contentsOf(const fs::path& folder) {
-    std::map<std::string, std::vector<std::uint8_t>> contents;
-    for (const auto& file : filesUnder(folder)) contents[file] = bytesOf(folder / file);
-    return contents;
-}
+using test::treeOf;
 
 // The five starter packs, rendered once per test process and written on first
 // use. CTest runs every case in a process of its own, several at once, so
@@ -93,7 +72,9 @@ TEST_F(StarterPacks, MatchTheRecordedDigestOfEveryFile) {
         if (!line.empty() && line[0] != '#') listed.push_back(line.substr(66));
     }
     std::sort(listed.begin(), listed.end());
-    EXPECT_EQ(filesUnder(packs()), listed) << "the generated files differ from the recorded list";
+    std::vector<std::string> written;
+    for (const auto& [file, bytes] : treeOf(packs())) written.push_back(file);
+    EXPECT_EQ(written, listed) << "the generated files differ from the recorded list";
 }
 
 TEST_F(StarterPacks, AreWrittenAgainToTheSameBytesOverAGeneratedPackOrAnythingWhenTold) {
@@ -101,10 +82,10 @@ TEST_F(StarterPacks, AreWrittenAgainToTheSameBytesOverAGeneratedPackOrAnythingWh
     test::ScratchFolder scratch;
     PackGenerator::generate(typewriter, scratch.path(), 1);
     PackGenerator::generate(typewriter, scratch.path(), 7); // more workers than cores
-    EXPECT_EQ(contentsOf(scratch / typewriter.id), contentsOf(packs() / typewriter.id));
+    EXPECT_EQ(treeOf(scratch / typewriter.id), treeOf(packs() / typewriter.id));
     test::writeText(scratch / typewriter.id / "mine.wav", "a recording");
     PackGenerator::generate(typewriter, scratch.path(), 7, PackGenerator::Overwrite::anything);
-    EXPECT_EQ(contentsOf(scratch / typewriter.id), contentsOf(packs() / typewriter.id));
+    EXPECT_EQ(treeOf(scratch / typewriter.id), treeOf(packs() / typewriter.id));
 }
 
 // Measured rather than listened to: harder strikes are louder, releases softer
@@ -164,9 +145,9 @@ TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
         change();
         EXPECT_FALSE(PackGenerator::isGeneratedPack(folder)) << what;
         // Refused before anything is written; the folder stays as it was.
-        const auto before = filesUnder(into);
+        const auto before = treeOf(into);
         EXPECT_THROW(PackGenerator::write(cream, takesOf(cream), into), StagedPackFolder::Refused) << what;
-        EXPECT_EQ(filesUnder(into), before) << what;
+        EXPECT_EQ(treeOf(into), before) << what;
     }
     fs::remove_all(into);
 }
@@ -176,14 +157,14 @@ TEST_F(StarterPacks, AFailureMidwayLeavesThePreviousPackAsItWas) {
     const fs::path into = packs().string() + "-failing";
     fs::remove_all(into);
     PackGenerator::write(dome, takesOf(dome), into);
-    const auto before = contentsOf(into);
+    const auto before = treeOf(into);
 
     // The 31st take cannot be written (its folder does not exist), as on a full disk.
     std::vector<PackGenerator::Take> failing = takesOf(dome);
     failing[30].name = "missing-folder/" + failing[30].name;
     EXPECT_THROW(PackGenerator::write(dome, failing, into), fs::filesystem_error);
 
-    EXPECT_EQ(contentsOf(into), before);
+    EXPECT_EQ(treeOf(into), before);
     EXPECT_EQ(std::distance(fs::directory_iterator(into), {}), 1); // the pack, nothing aside
     fs::remove_all(into);
 }
@@ -201,7 +182,7 @@ TEST_F(StarterPacks, FourProcessesWritingOnePackLeaveItWhole) {
     }
     for (auto& writer : writers) EXPECT_EQ(writer->wait(), 0);
     // Whole and identical to a pack written alone: every listed file there, nothing else.
-    EXPECT_EQ(contentsOf(into / panda.id), contentsOf(packs() / panda.id));
+    EXPECT_EQ(treeOf(into / panda.id), treeOf(packs() / panda.id));
     EXPECT_TRUE(PackGenerator::isGeneratedPack(into / panda.id));
     fs::remove_all(into);
 }
