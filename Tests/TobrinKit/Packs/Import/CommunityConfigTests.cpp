@@ -78,37 +78,11 @@ TEST(CommunityConfig, ExpandsRangesOfFiles) {
 
 TEST(ScanCodes, MapsScanCodesAndRawLinuxCodesToLinuxKeys) {
     using Key = ScanCodes::LinuxKey;
+    // One row for each way a scan code is read, not every entry of the table.
     const std::pair<std::uint32_t, std::optional<Key>> cases[] = {
-        {30, Key{KEY_A}},
-        {1, Key{KEY_ESC}},
-        {83, Key{KEY_KPDOT}},
-        {87, Key{KEY_F11}},
-        {88, Key{KEY_F12}},
-        {57416, Key{KEY_UP}},
-        {57419, Key{KEY_LEFT}},
-        {57421, Key{KEY_RIGHT}},
-        {57424, Key{KEY_DOWN}},
-        {3613, Key{KEY_RIGHTCTRL}},
-        {3640, Key{KEY_RIGHTALT}},
-        {3675, Key{KEY_LEFTMETA}},
-        {3676, Key{KEY_RIGHTMETA}},
-        {3655, Key{KEY_HOME}},
-        {3663, Key{KEY_END}},
-        {3657, Key{KEY_PAGEUP}},
-        {3665, Key{KEY_PAGEDOWN}},
-        {3666, Key{KEY_INSERT}},
-        {3667, Key{KEY_DELETE}},
-        {3612, Key{KEY_KPENTER}},
-        {3637, Key{KEY_KPSLASH}},
-        {60999, Key{KEY_KP7}},
-        {61011, Key{KEY_KPDOT}},
-        {0x5B, Key{KEY_F13}},
-        {103, Key{KEY_UP, true}},
-        {97, Key{KEY_RIGHTCTRL, true}},
-        {125, Key{KEY_LEFTMETA, true}},
-        {0, std::nullopt},
-        {61012, std::nullopt},
-        {0x300, std::nullopt},
+        {30, Key{KEY_A}},      {88, Key{KEY_F12}},      {57416, Key{KEY_UP}},  {3613, Key{KEY_RIGHTCTRL}},
+        {60999, Key{KEY_KP7}}, {61011, Key{KEY_KPDOT}}, {0x5B, Key{KEY_F13}},  {103, Key{KEY_UP, true}},
+        {0, std::nullopt},     {61012, std::nullopt},   {0x300, std::nullopt},
     };
     for (const auto& [scanCode, expected] : cases) EXPECT_EQ(ScanCodes::toLinux(scanCode), expected) << scanCode;
 }
