@@ -2,6 +2,9 @@
 // and the attribution texts.
 #include "TobrinKit/Building/Recorded/PackRecipe.h"
 
+#include "Support/SoundFiles.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -52,12 +55,9 @@ TEST(PackRecipe, BadRecipesNameTheField) {
         } else {
             document[pointer] = c.value;
         }
-        try {
-            PackRecipe::decode(document.dump());
-            ADD_FAILURE() << c.pointer << " decoded";
-        } catch (const PackRecipe::DecodeError& error) {
-            EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();
-        }
+        EXPECT_THAT(test::errorOf<PackRecipe::DecodeError>([&] { PackRecipe::decode(document.dump()); }),
+                    ::testing::HasSubstr(c.message))
+            << c.pointer;
     }
     EXPECT_THROW(PackRecipe::decode("[1]"), PackRecipe::DecodeError);
     EXPECT_THROW(PackRecipe::decode("{\"id\":"), PackRecipe::DecodeError);
