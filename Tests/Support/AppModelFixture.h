@@ -26,16 +26,7 @@ namespace tobrin::app {
 
 using namespace std::chrono_literals;
 
-// Runs the event loop until `predicate` holds or the time runs out.
-template <typename Predicate>
-bool until(Predicate predicate, std::chrono::milliseconds timeout = 5000ms) {
-    return test::eventually(
-        [&] {
-            QCoreApplication::processEvents();
-            return predicate();
-        },
-        timeout);
-}
+using test::until;
 
 class HandMicrophone final : public Microphone {
 public:

@@ -4,6 +4,8 @@
 // Widgets gets a QApplication on Qt's offscreen platform, so widget tests
 // never touch the display of whoever runs them.
 
+#include "Support/Eventually.h"
+
 #ifdef QT_WIDGETS_LIB
 #include <QApplication>
 #else
@@ -37,6 +39,17 @@ inline void ensureQtApplication() {
 #endif
     // A write to a pipe whose reader has gone fails instead of ending the tests.
     ::signal(SIGPIPE, SIG_IGN);
+}
+
+// Runs the event loop until `predicate` holds or the time runs out.
+template <typename Predicate>
+bool until(Predicate predicate, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+    return eventually(
+        [&] {
+            QCoreApplication::processEvents();
+            return predicate();
+        },
+        timeout);
 }
 
 } // namespace tobrin::test

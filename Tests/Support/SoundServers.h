@@ -201,6 +201,19 @@ public:
         return found;
     }
 
+    // Does `act` (a key typed) every 100 ms until a sound arrives after one;
+    // when it did, or nothing when `timeout` passed first.
+    template <typename Act>
+    std::optional<Clock::time_point> actUntilHeard(Act act, std::chrono::milliseconds timeout) {
+        const auto deadline = Clock::now() + timeout;
+        while (Clock::now() < deadline) {
+            const auto acted = Clock::now();
+            act();
+            if (auto heard = soundAfter(acted, std::chrono::milliseconds(100))) return heard;
+        }
+        return std::nullopt;
+    }
+
     // Whether anything louder than `threshold` arrived at or after `since`.
     bool heardSince(Clock::time_point since, float threshold = 1e-3f) {
         return soundAfter(since, std::chrono::milliseconds(0), threshold).has_value();

@@ -7,6 +7,7 @@
 #include "Support/CommunityPacks.h"
 #include "Support/Eventually.h"
 #include "Support/IndependentReaders.h"
+#include "Support/MicRecorders.h"
 #include "Support/PrivateXServer.h"
 #include "Support/RunningProgram.h"
 #include "Support/SoundServers.h"
@@ -54,14 +55,12 @@ public:
 
     // Types keys until one is heard (the program is up) or time runs out.
     std::optional<Clock::time_point> typeUntilHeard(std::chrono::milliseconds timeout) {
-        const auto deadline = Clock::now() + timeout;
-        while (Clock::now() < deadline) {
-            const auto typed = Clock::now();
-            keyboard.tap(KEY_A);
-            keyboard.sync();
-            if (auto heard = capture.soundAfter(typed, 100ms)) return heard;
-        }
-        return std::nullopt;
+        return capture.actUntilHeard(
+            [&] {
+                keyboard.tap(KEY_A);
+                keyboard.sync();
+            },
+            timeout);
     }
     // Types a few keys and says whether none of them was heard.
     bool typingIsSilent() {
@@ -119,26 +118,19 @@ TEST(Program, TypingIsHeardTheShortcutSilencesAndRestoresAndSigtermEndsItCleanly
     EXPECT_EQ(saved.at("selectedPack"), "blue-click");
 }
 
-// Another program recording from the default input, as a call would.
-std::unique_ptr<test::RunningProgram> startRecording(const Session& session) {
-    return std::make_unique<test::RunningProgram>(
-        std::vector<std::string>{"/usr/bin/parec", "--raw", "--client-name=call", "--device=tobrin-test-source"},
-        std::map<std::string, std::string>{}, (session.folder / "call.raw").string());
-}
-
 TEST(Program, ARecordingByAnotherProgramSilencesTypingUntilASecondAfterItStops) {
     Session session;
     ASSERT_TRUE(session.capture.waitUntilCapturing(3000ms));
     auto tobrin = session.run({}, "tobrin.log");
     ASSERT_TRUE(session.typeUntilHeard(10s)) << tobrin->output();
 
-    auto call = startRecording(session);
+    // Another program recording from the default input, as a call would.
+    test::Recorder call("parec", "tobrin-test-source", session.folder.path());
     // Paused once a key goes unheard; then it stays so.
     ASSERT_TRUE(test::eventually([&] { return session.typingIsSilent(); }, 5000ms)) << tobrin->output();
     EXPECT_TRUE(session.typingIsSilent());
 
-    call->signal(SIGTERM);
-    ASSERT_TRUE(call->wait(2000ms));
+    call.stop();
     const auto ended = Clock::now();
     const auto heard = session.typeUntilHeard(5s);
     ASSERT_TRUE(heard);
@@ -154,11 +146,11 @@ TEST(Program, MicwatchPrintsTheStateAndEachChangeOfTheMicrophone) {
     auto watch = session.run({"--micwatch", "4"}, "micwatch.log");
     ASSERT_TRUE(test::eventually([&] { return watch->output().find("mic in use: no\n") != std::string::npos; }, 5000ms))
         << watch->output();
-    auto call = startRecording(session);
+    test::Recorder call("parec", "tobrin-test-source", session.folder.path());
     ASSERT_TRUE(
         test::eventually([&] { return watch->output().find("mic in use: sounds pause") != std::string::npos; }, 3000ms))
         << watch->output();
-    call->signal(SIGTERM);
+    call.stop();
     ASSERT_EQ(watch->wait(8s), 0) << watch->output();
     const std::string output = watch->output();
     EXPECT_TRUE(std::regex_search(

@@ -3,20 +3,15 @@
 #include "SettingsFile.h"
 
 #include "Support/ChildProcess.h"
+#include "Support/SoundFiles.h"
 #include "Support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
-
-#include <fstream>
 
 namespace tobrin::app {
 namespace {
 
 using namespace std::chrono_literals;
-
-void write(const std::filesystem::path& file, const std::string& text) {
-    std::ofstream(file, std::ios::binary) << text;
-}
 
 StoredState customState() {
     StoredState state;
@@ -73,9 +68,9 @@ TEST(SettingsFile, ABadFileGivesTheDefaultsForWhatDidNotDecodeAndIsKeptAsideUnto
         if (c.folder) {
             std::filesystem::remove(file.path());
             std::filesystem::create_directory(file.path());
-            write(file.path() / "inside", "mine");
+            test::writeText(file.path() / "inside", "mine");
         } else {
-            write(file.path(), c.text);
+            test::writeText(file.path(), c.text);
         }
         const auto loaded = file.load();
         EXPECT_EQ(loaded.state, c.expected);
@@ -135,7 +130,7 @@ TEST(LoginItem, TheAutostartEntryStartsThisExecutableAndOnlyAnEnabledEntryCounts
     EXPECT_NE(text.find("\nType=Application\n"), std::string::npos);
 
     // A desktop's start-up settings switch an entry off without removing it.
-    write(entry, text + "Hidden=true\n");
+    test::writeText(entry, text + "Hidden=true\n");
     EXPECT_FALSE(item.isEnabled());
     ASSERT_EQ(item.setEnabled(false), "");
     EXPECT_FALSE(std::filesystem::exists(entry));

@@ -2,7 +2,6 @@
 // release for a relaunch, between real locks and sockets in a private folder.
 #include "SingleInstance.h"
 
-#include "Support/Eventually.h"
 #include "Support/QtApplication.h"
 #include "Support/TemporaryFolder.h"
 
@@ -42,12 +41,7 @@ TEST(SingleInstance, ALaterStartAsksTheRunningOneForItsPanelAndARelaunchTakesOve
     QObject::connect(&running, &SingleInstance::activated, [&] { ++activations; });
 
     EXPECT_EQ(claimElsewhere(folder, 2000ms), Outcome::handedOver);
-    EXPECT_TRUE(test::eventually(
-        [&] {
-            QCoreApplication::processEvents();
-            return activations == 1;
-        },
-        2000ms));
+    EXPECT_TRUE(test::until([&] { return activations == 1; }, 2000ms));
 
     // Released: the next start is the one that runs.
     running.release();

@@ -54,6 +54,7 @@ private:
 };
 
 struct ServerCase {
+    const char* name;
     SoundServerKind kind;
     const char* recorder; // the other process that records the default input
 };
@@ -216,12 +217,9 @@ TEST_P(MicMonitorTest, CurrentReadsTheServerWhenNotWatching) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, MicMonitorTest,
-                         ::testing::Values(ServerCase{SoundServerKind::PulseAudio, "parec"},
-                                           ServerCase{SoundServerKind::PipeWire, "pw-record"}),
-                         [](const auto& param) {
-                             return std::string(test::serverName(param.param.kind)) == "pipewire" ? "PipeWire"
-                                                                                                  : "PulseAudio";
-                         });
+                         ::testing::Values(ServerCase{"PulseAudio", SoundServerKind::PulseAudio, "parec"},
+                                           ServerCase{"PipeWire", SoundServerKind::PipeWire, "pw-record"}),
+                         [](const auto& param) { return std::string(param.param.name); });
 
 } // namespace
 } // namespace tobrin

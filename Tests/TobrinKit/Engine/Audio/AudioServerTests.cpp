@@ -49,17 +49,6 @@ struct Player {
         conductor.handle(KeyEvent{code, KeyAction::down, MachTime::now()});
         conductor.handle(KeyEvent{code, KeyAction::up, MachTime::now()});
     }
-
-    // Presses a key every 100 ms until the capture hears one; when it did.
-    std::optional<Clock::time_point> pressUntilHeard(SinkCapture& capture, std::chrono::milliseconds timeout) {
-        const auto deadline = Clock::now() + timeout;
-        while (Clock::now() < deadline) {
-            const auto pressed = Clock::now();
-            press();
-            if (auto heard = capture.soundAfter(pressed, 100ms)) return heard;
-        }
-        return std::nullopt;
-    }
 };
 
 struct ServerCase {
@@ -120,7 +109,8 @@ TEST_P(AudioServer, DefaultSinkSwitchMovesTheNextKeyToTheNewSink) {
     ASSERT_TRUE(second.waitUntilCapturing(soundTimeout));
 
     ASSERT_TRUE(server.setDefaultSink(PrivateSoundServer::secondSink));
-    EXPECT_TRUE(player.pressUntilHeard(second, soundTimeout)) << "the new default sink never heard a key";
+    EXPECT_TRUE(second.actUntilHeard([&] { player.press(); }, soundTimeout))
+        << "the new default sink never heard a key";
     EXPECT_TRUE(player.audio->isRunning());
 }
 
@@ -136,7 +126,7 @@ TEST_P(AudioServerRestart, SoundComesBackWithinASecondOfTheServerAndTheVoicesSur
     {
         SinkCapture capture(PrivateSoundServer::defaultSink);
         ASSERT_TRUE(capture.waitUntilCapturing(soundTimeout));
-        ASSERT_TRUE(player.pressUntilHeard(capture, soundTimeout));
+        ASSERT_TRUE(capture.actUntilHeard([&] { player.press(); }, soundTimeout));
     }
     const auto startedBefore = player.audio->startedVoices();
 
@@ -155,7 +145,7 @@ TEST_P(AudioServerRestart, SoundComesBackWithinASecondOfTheServerAndTheVoicesSur
     ASSERT_TRUE(server.start());
     const auto back = Clock::now();
     SinkCapture capture(PrivateSoundServer::defaultSink);
-    const auto heard = player.pressUntilHeard(capture, soundTimeout);
+    const auto heard = capture.actUntilHeard([&] { player.press(); }, soundTimeout);
     ASSERT_TRUE(heard) << "no sound after the server came back";
     EXPECT_LT(*heard - back, 1000ms);
     EXPECT_EQ(player.audio->backendName(), GetParam().backend);
