@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <future>
 #include <limits>
 #include <mutex>
@@ -35,10 +34,6 @@ std::filesystem::path testFile(const char* name) {
     auto path = folder / name;
     std::filesystem::remove(path);
     return path;
-}
-
-void writeText(const std::filesystem::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 // Rest at 1 g with one tap of `tapG` on x at `tapAt` ms, one report a millisecond.
@@ -83,21 +78,19 @@ TEST(SensorRecording, WriterOutputReadsBackReportForReport) {
     // Writing the whole recording gives the same file the writer produced.
     const auto copy = testFile("copy.replay");
     recording.write(copy);
-    std::ifstream a(path), b(copy);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(a), {}), std::string(std::istreambuf_iterator<char>(b), {}));
+    EXPECT_EQ(test::readFile(copy), test::readFile(path));
 }
 
 TEST(SensorRecording, AcceptsCommentsBlankLinesAndAnyHexCase) {
     const auto path = testFile("hand.replay");
-    writeText(path, "tobrin-sensor-replay 1\r\n# written by hand\n\n  7\t0aFF  \r\n7 \n12 00\n13\n"
-                    "4611686018427387904 00"); // the largest offset, on a last line without "\n"
+    test::writeText(path, "tobrin-sensor-replay 1\r\n# written by hand\n\n  7\t0aFF  \r\n7 \n12 00\n13\n"
+                          "4611686018427387904 00"); // the largest offset, on a last line without "\n"
     const auto recording = SensorRecording::read(path);
     ASSERT_EQ(recording.size(), 5u);
     EXPECT_EQ(recording.offset(4), SensorRecording::maximumOffset);
     EXPECT_EQ(recording.offset(0), 7u);
-    ASSERT_EQ(recording.report(0).size(), 2u);
-    EXPECT_EQ(recording.report(0)[0], 0x0A);
-    EXPECT_EQ(recording.report(0)[1], 0xFF);
+    EXPECT_EQ(std::vector(recording.report(0).begin(), recording.report(0).end()),
+              (std::vector<std::uint8_t>{0x0A, 0xFF}));
     EXPECT_TRUE(recording.report(1).empty());
     EXPECT_EQ(recording.offset(2), 12u);
     EXPECT_TRUE(recording.report(3).empty());
@@ -129,7 +122,7 @@ TEST(SensorRecording, RefusesBrokenFilesNamingTheLine) {
     };
     for (const Case& c : cases) {
         const auto path = testFile("broken.replay");
-        writeText(path, c.text);
+        test::writeText(path, c.text);
         const std::string message = test::errorOf<SensorRecordingError>([&] { SensorRecording::read(path); });
         EXPECT_NE(message.find(c.message), std::string::npos) << message.substr(0, 200);
         EXPECT_NE(message.find(path.string()), std::string::npos) << message.substr(0, 200);
@@ -137,7 +130,7 @@ TEST(SensorRecording, RefusesBrokenFilesNamingTheLine) {
     }
     const std::string longReport = "tobrin-sensor-replay 1\n0 " + std::string(2 * 257, 'a') + "\n";
     const auto path = testFile("long.replay");
-    writeText(path, longReport);
+    test::writeText(path, longReport);
     EXPECT_THROW(SensorRecording::read(path), SensorRecordingError);
 }
 
@@ -147,7 +140,7 @@ TEST(RecordedMotionSource, FailsToStartOnAMissingOrBrokenFile) {
     EXPECT_FALSE(source.start([](auto, auto) { ADD_FAILURE() << "delivered from a missing file"; }));
     EXPECT_NE(source.lastError().find("cannot open"), std::string::npos) << source.lastError();
 
-    writeText(missing, "tobrin-sensor-replay 1\n5 00\n4 00\n");
+    test::writeText(missing, "tobrin-sensor-replay 1\n5 00\n4 00\n");
     ForceSensor sensor(std::make_unique<RecordedMotionSource>(missing));
     EXPECT_FALSE(sensor.start());
     EXPECT_FALSE(sensor.isRunning());

@@ -6,12 +6,9 @@
 
 #include "KeyRecorder.h"
 #include "Support/PipeKeyboards.h"
+#include "Support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
-
-#include <dirent.h>
-
-#include <fstream>
 
 namespace tobrin {
 namespace {
@@ -86,13 +83,8 @@ TEST_F(EvdevKeySourceTest, AKeyboardThatGoesAwayReleasesItsKeysTheOthersGoOnAndI
 
 int threadsNamed(const std::string& name) {
     int count = 0;
-    DIR* tasks = ::opendir("/proc/self/task");
-    while (const dirent* task = ::readdir(tasks)) {
-        std::ifstream comm(std::string("/proc/self/task/") + task->d_name + "/comm");
-        std::string line;
-        if (std::getline(comm, line) && line == name) ++count;
-    }
-    ::closedir(tasks);
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        count += test::readFile(task.path() / "comm") == name + "\n";
     return count;
 }
 

@@ -11,13 +11,13 @@
 
 #include "Support/Eventually.h"
 #include "Support/SoundServers.h"
+#include "Support/TemporaryFolder.h"
 #include "TobrinKit/Engine/BuiltInPacks.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -197,12 +197,11 @@ TEST_P(AudioServer, AStalledRenderIsCountedAsAnUnderrunAndPlaybackGoesOn) {
 
 TEST(AudioOutputWithoutServer, FallsBackToTheNullDeviceAndSaysWhy) {
     registerSoundServerBackends();
-    char folder[] = "/tmp/tobrin-no-server-XXXXXX";
-    ASSERT_NE(::mkdtemp(folder), nullptr);
-    // This process only: the test program runs alone in it (one CTest case).
-    ::setenv("XDG_RUNTIME_DIR", folder, 1);
-    ::setenv("PIPEWIRE_RUNTIME_DIR", folder, 1);
-    ::unsetenv("PULSE_SERVER");
+    TemporaryFolder folder;
+    Environment environment;
+    environment.set("XDG_RUNTIME_DIR", folder.path().string());
+    environment.set("PIPEWIRE_RUNTIME_DIR", folder.path().string());
+    environment.set("PULSE_SERVER", std::nullopt);
 
     AudioOutput output;
     testing::internal::CaptureStderr();
@@ -213,7 +212,6 @@ TEST(AudioOutputWithoutServer, FallsBackToTheNullDeviceAndSaysWhy) {
                    "Tobrin: audio engine failed to start: pulse: no server is running\n"
                    "Tobrin: no sound server could be used; sounds go to the null device\n");
     output.pause();
-    ::rmdir(folder);
 }
 
 } // namespace
