@@ -1,6 +1,6 @@
 #pragma once
-// The mixer's test helpers: an owning handle on either mixing path, command
-// builders and a fill of numbered voices.
+// The mixer's test helpers: an owning handle on either mixing path and
+// command builders.
 
 #include "TobrinMixer.h"
 
@@ -62,31 +62,5 @@ inline TBCommand releaseAllCommand() {
     command.type = TB_COMMAND_RELEASE_ALL;
     return command;
 }
-
-// Voice j (from 1) plays the constant j/4096 at the centre: sums of these are
-// exact in float, so one mono frame tells which voices sound.
-class NumberedVoices {
-public:
-    explicit NumberedVoices(std::uint32_t count, std::uint32_t frames = 1000) {
-        for (std::uint32_t j = 1; j <= count; ++j) takes_.emplace_back(frames, float(j) / 4096);
-    }
-    TBCommand start(std::uint32_t j) const { return startCommand(j, {sampleOf(takes_.at(j - 1))}, {1}); }
-    // Pushes the starts of voices first ... last; false if the ring refused one.
-    bool push(TBMixer* mixer, std::uint32_t first, std::uint32_t last) const {
-        bool all = true;
-        for (std::uint32_t j = first; j <= last; ++j) {
-            const TBCommand command = start(j);
-            all = tb_mixer_push(mixer, &command) && all;
-        }
-        return all;
-    }
-    // What voices first ... last sound like together.
-    static float sum(std::uint32_t first, std::uint32_t last) {
-        return float((first + last) * (last - first + 1) / 2) / 4096;
-    }
-
-private:
-    std::vector<std::vector<float>> takes_;
-};
 
 } // namespace tobrin::test

@@ -29,10 +29,8 @@ public:
 
     void render(float* left, float* right, std::uint32_t frames) {
         const bool mono = right == nullptr || right == left;
-        for (std::uint32_t i = 0; i < frames; ++i) {
-            left[i] = 0;
-            if (!mono) right[i] = 0;
-        }
+        std::fill_n(left, frames, 0.0f);
+        if (!mono) std::fill_n(right, frames, 0.0f);
         for (; !queue_.empty(); queue_.pop_front()) apply(queue_.front());
         for (Voice& v : voices_) {
             for (std::uint32_t i = 0; i < frames && v.active; ++i) {

@@ -22,8 +22,9 @@ TEST(PlayVerb, TypesTheTextLiveThroughTheSoundServer) {
     const auto started = test::SinkCapture::Clock::now();
     const auto result = test::packTool(play("--text 'hi there' --wpm 200"));
     ASSERT_EQ(result.exitStatus, 0) << result.output;
+    // A loaded machine may add a line about blocks the server missed.
     EXPECT_TRUE(
-        std::regex_match(result.output, std::regex(R"(Playing Blue Click through pipewire \(8 keys, [0-9.]+ s\)\n)")))
+        std::regex_search(result.output, std::regex(R"(^Playing Blue Click through pipewire \(8 keys, [0-9.]+ s\)\n)")))
         << result.output;
     EXPECT_TRUE(capture.heardSince(started));
 }

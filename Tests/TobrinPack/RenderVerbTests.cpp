@@ -1,5 +1,6 @@
 #include "TobrinKit/Building/Loudness.h"
 
+#include "Support/PackFolder.h"
 #include "Support/PackTool.h"
 #include "Support/PeakMemory.h"
 #include "Support/SoundFiles.h"
@@ -63,10 +64,8 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
     const fs::path badManifest = folder / "bad";
     fs::create_directories(badManifest);
     std::ofstream(badManifest / "pack.json") << "{ not json";
-    const fs::path missingAudio = folder / "missing-audio";
-    fs::create_directories(missingAudio);
-    std::ofstream(missingAudio / "pack.json") << R"({"formatVersion": 1, "id": "gone", "name": "Gone", "kind": "Test",
-              "groups": {"alpha": {"down": {"medium": ["alpha-medium-1.wav"]}}}})";
+    test::PackFolder missingAudio(folder / "missing-audio");
+    missingAudio.down("alpha", "medium", {"alpha-medium-1.wav"});
 
     struct Case {
         fs::path pack;
@@ -75,7 +74,7 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
     const Case cases[] = {
         {noManifest, "tobrin-pack: No pack.json in " + noManifest.string()},
         {badManifest, "tobrin-pack: Invalid pack.json: "},
-        {missingAudio, "tobrin-pack: "},
+        {missingAudio.info().directory, "tobrin-pack: "},
     };
     for (const auto& c : cases) {
         const fs::path out = folder / "never.wav";
@@ -90,36 +89,28 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
 // file: a 96 kHz take of 4 M frames (16 MB once at 48 kHz) is decoded and
 // converted in chunks, and a manifest of 8 MB is refused from its size.
 TEST_F(RenderVerb, LoadingAPackCostsAboutWhatItsDecodedTakesHold) {
-    const auto pack = [&](const std::string& name, const std::string& manifest) {
-        std::ofstream(folder / name / "pack.json") << manifest;
-        return quoted(folder / name);
-    };
-    const auto manifest = [](const std::string& takes) {
-        return R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "test", "groups": {"alpha": {"down": {"soft": [)" +
-               takes + "]}}}}";
-    };
-    test::writeSound(folder / "small" / "a.wav", {std::vector<float>(4800, 0.25f)}, 48000);
-    const std::string small = pack("small", manifest(R"("a.wav")"));
+    test::PackFolder small(folder / "small"), longTake(folder / "long");
+    small.sound("a.wav", 0.25f, 4800, 1);
+    small.down("alpha", "soft", {"a.wav"});
     const std::vector<float> tone = test::sine(4'000'000, 440, 96000, 0.25);
     test::writeSound(folder / "long" / "a.wav", {tone, tone}, 96000);
-    const std::string longTake = pack("long", manifest(R"("a.wav")"));
-    std::string million = R"("a.wav")";
-    million.reserve(8'000'000);
-    while (million.size() < 8'000'000) million += R"(,"a.wav")";
-    std::filesystem::create_directories(folder / "huge");
+    longTake.down("alpha", "soft", {"a.wav"});
+    std::string huge = R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "test",
+        "groups": {"alpha": {"down": {"soft": ["a.wav")";
+    while (huge.size() < 8'000'000) huge += R"(,"a.wav")";
+    test::writeText(folder / "huge" / "pack.json", huge + "]}}}}");
     std::filesystem::copy_file(folder / "small" / "a.wav", folder / "huge" / "a.wav");
-    const std::string huge = pack("huge", manifest(million));
 
-    const auto run = [&](const std::string& packFolder) {
-        return test::runMeasured(quoted(TOBRIN_PACK_TOOL) + " render " + packFolder + " " + quoted(folder / "out.wav") +
-                                 " --text a");
+    const auto run = [&](const fs::path& packFolder) {
+        return test::runMeasured(quoted(TOBRIN_PACK_TOOL) + " render " + quoted(packFolder) + " " +
+                                 quoted(folder / "out.wav") + " --text a");
     };
-    const auto baseline = run(small);
+    const auto baseline = run(small.info().directory);
     ASSERT_EQ(baseline.exitStatus, 0);
-    const auto longRun = run(longTake);
+    const auto longRun = run(longTake.info().directory);
     EXPECT_EQ(longRun.exitStatus, 0);
     EXPECT_LT(longRun.peakKiB - baseline.peakKiB, 20 * 1024) << longRun.peakKiB << " KiB against " << baseline.peakKiB;
-    const auto hugeRun = run(huge);
+    const auto hugeRun = run(folder / "huge");
     EXPECT_EQ(hugeRun.exitStatus, 1);
     EXPECT_LT(hugeRun.peakKiB - baseline.peakKiB, 4 * 1024) << hugeRun.peakKiB << " KiB against " << baseline.peakKiB;
 }

@@ -18,4 +18,10 @@ inline std::shared_ptr<const LoadedPack> loadBuiltInPack(const std::string& id) 
     return LoadedPack::load(info, 48000);
 }
 
+// Cream, loaded once for the whole test program.
+inline const std::shared_ptr<const LoadedPack>& cream() {
+    static const auto pack = loadBuiltInPack("cream");
+    return pack;
+}
+
 } // namespace tobrin::fixtures

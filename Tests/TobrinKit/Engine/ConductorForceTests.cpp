@@ -21,7 +21,6 @@
 #include <chrono>
 #include <cmath>
 #include <map>
-#include <mutex>
 #include <vector>
 
 namespace tobrin {
@@ -57,12 +56,6 @@ std::filesystem::path writeRecording(const std::vector<Stroke>& strokes, std::ui
     return path;
 }
 
-struct Observed {
-    std::mutex lock;
-    std::vector<TBCommand> commands;
-    std::vector<ForceReading> readings;
-};
-
 TEST(ConductorForce, MeasuredImpactsSetTheVoicesFinalWeightsAndTheReadings) {
     // Peaks of 0.4, 1, 1.5, 2.2 and 4 typical keystrokes (0.02 g), a tap too
     // small to count, and a key without any impact.
@@ -76,24 +69,9 @@ TEST(ConductorForce, MeasuredImpactsSetTheVoicesFinalWeightsAndTheReadings) {
     auto source = std::make_unique<RecordedMotionSource>(path, RecordedMotionSource::Options{.speed = 0});
     auto* replay = source.get();
     auto sensor = std::make_shared<ForceSensor>(std::move(source));
-    auto audio = std::make_shared<AudioOutput>(std::vector{NullAudioBackend::factory()}, "");
-    const auto pack = fixtures::loadBuiltInPack("cream");
-
-    auto clock = std::make_shared<test::ManualClock>();
-    Conductor conductor(audio, sensor, Conductor::Timing(), clock);
-    Observed observed;
-    Conductor::Diagnostics diagnostics;
-    diagnostics.command = [&](const TBCommand& command, bool pushed) {
-        ASSERT_TRUE(pushed);
-        std::lock_guard guard(observed.lock);
-        observed.commands.push_back(command);
-    };
-    conductor.setDiagnostics(diagnostics);
-    conductor.setOnForce([&](const ForceReading& reading) {
-        std::lock_guard guard(observed.lock);
-        observed.readings.push_back(reading);
-    });
-    conductor.setPack(pack);
+    const auto& pack = fixtures::cream();
+    test::Rig rig(pack, Conductor::Timing(), sensor);
+    auto& [recorder, clock, audio, conductor] = rig;
     EngineSettings settings;
     settings.releaseSounds = false;
     conductor.apply(settings, true);
@@ -111,27 +89,23 @@ TEST(ConductorForce, MeasuredImpactsSetTheVoicesFinalWeightsAndTheReadings) {
         conductor.barrier();
     }
 
-    std::lock_guard guard(observed.lock);
-    ASSERT_EQ(observed.readings.size(), strokes.size());
+    const auto readings = recorder.forces();
+    const auto starts = recorder.commands(TB_COMMAND_START);
+    const auto changes = recorder.commands(TB_COMMAND_SET_WEIGHTS);
+    ASSERT_EQ(readings.size(), strokes.size());
+    ASSERT_EQ(starts.size(), strokes.size());
+    for (const auto& push : changes) EXPECT_TRUE(push.pushed);
     for (std::size_t i = 0; i < strokes.size(); ++i) {
         const auto& stroke = strokes[i];
-        const auto& reading = observed.readings[i];
+        const auto& reading = readings[i];
         SCOPED_TRACE(testing::Message() << "stroke " << i);
         EXPECT_EQ(reading.code, stroke.code);
+        EXPECT_TRUE(starts[i].pushed);
 
-        // The voice this key started, and the weight changes sent for it.
-        const TBCommand* startCommand = nullptr;
+        // The weight changes sent for the voice this key started.
         std::vector<const TBCommand*> refinements;
-        std::uint32_t tag = 0;
-        int startsSeen = 0;
-        for (const auto& command : observed.commands)
-            if (command.type == TB_COMMAND_START && startsSeen++ == int(i)) {
-                startCommand = &command;
-                tag = command.tag;
-            }
-        ASSERT_NE(startCommand, nullptr);
-        for (const auto& command : observed.commands)
-            if (command.type == TB_COMMAND_SET_WEIGHTS && command.tag == tag) refinements.push_back(&command);
+        for (const auto& push : changes)
+            if (push.command.tag == starts[i].command.tag) refinements.push_back(&push.command);
 
         const double measured = 0.95 * stroke.tap;
         if (measured <= 0.0015) {
@@ -170,10 +144,10 @@ TEST(ConductorForce, MeasuredImpactsSetTheVoicesFinalWeightsAndTheReadings) {
         EXPECT_LE(strokeGain, 1.06f + 1e-5f);
         for (std::size_t k = 0; k < 4; ++k) EXPECT_NEAR(last.weights[k], unit[k] * strokeGain, 1e-5f) << "layer " << k;
     }
-    EXPECT_NEAR(observed.readings[0].position, 0.0f, 0.05f);
-    EXPECT_NEAR(observed.readings[1].position, 1.0f, 0.05f);
-    EXPECT_NEAR(observed.readings[3].position, 2.0f, 0.05f);
-    EXPECT_NEAR(observed.readings[4].position, 3.0f, 0.05f);
+    EXPECT_NEAR(readings[0].position, 0.0f, 0.05f);
+    EXPECT_NEAR(readings[1].position, 1.0f, 0.05f);
+    EXPECT_NEAR(readings[3].position, 2.0f, 0.05f);
+    EXPECT_NEAR(readings[4].position, 3.0f, 0.05f);
     // The device thread takes the voices up in its own time.
     EXPECT_TRUE(test::eventually([&] { return audio->startedVoices() > 0; }));
     EXPECT_EQ(audio->droppedCommands(), 0u);

@@ -16,23 +16,15 @@
 namespace tobrin {
 namespace {
 
+using fixtures::cream;
 using test::eventually;
 using test::fixedTier;
 using test::Rig;
 
 using namespace std::chrono_literals;
 
-class ConductorTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { pack_ = fixtures::loadBuiltInPack("cream"); }
-    static void TearDownTestSuite() { pack_.reset(); }
-
-    static std::shared_ptr<const LoadedPack> pack_;
-};
-std::shared_ptr<const LoadedPack> ConductorTest::pack_;
-
-TEST_F(ConductorTest, SameKeyPlaysTheSameTakeAndDetuneAndKeysSpreadOverTakes) {
-    Rig rig(pack_);
+TEST(ConductorTest, SameKeyPlaysTheSameTakeAndDetuneAndKeysSpreadOverTakes) {
+    Rig rig(cream());
     auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
 
@@ -61,13 +53,13 @@ TEST_F(ConductorTest, SameKeyPlaysTheSameTakeAndDetuneAndKeysSpreadOverTakes) {
     EXPECT_GE(rates.size(), 10u);
 }
 
-TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights) {
+TEST(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights) {
     struct Case {
         Tier tier;
         float low, high;
     };
     for (const Case c : {Case{Tier::slam, 2.7f, 3.0f}, Case{Tier::soft, 0.0f, 0.3f}, Case{Tier::medium, 0.7f, 1.3f}}) {
-        Rig rig(pack_);
+        Rig rig(cream());
         auto& [recorder, clock, audio, conductor] = rig;
         conductor.apply(fixedTier(c.tier), true);
         for (int i = 0; i < 120; ++i) conductor.handle(rig.down(std::uint16_t(i % 8)));
@@ -86,8 +78,9 @@ TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights)
             lowest = std::min(lowest, reading.position);
             highest = std::max(highest, reading.position);
 
-            const auto layers = pack_->layers(KeyLayout::group(reading.code),
-                                              Voicing::variant(reading.code, *pack_, KeyLayout::group(reading.code)));
+            const auto layers =
+                cream()->layers(KeyLayout::group(reading.code),
+                                Voicing::variant(reading.code, *cream(), KeyLayout::group(reading.code)));
             const auto expected = Voicing::weights(reading.position, 1.0f, layers.gains, true, 1.0f);
             for (std::size_t k = 0; k < 4; ++k)
                 EXPECT_FLOAT_EQ(starts[i].command.weights[k], k < expected.size() ? expected[k] : 0.0f);
@@ -98,8 +91,8 @@ TEST_F(ConductorTest, FixedTierPositionsStayWithinTheirJitterAndDriveTheWeights)
     }
 }
 
-TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinFivePercent) {
-    Rig rig(pack_);
+TEST(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinFivePercent) {
+    Rig rig(cream());
     auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
 
@@ -114,7 +107,7 @@ TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinF
     for (std::size_t i = 0; i < releases.size(); ++i) {
         const auto code = keys[i % keys.size()];
         const auto group = KeyLayout::group(code);
-        const auto release = pack_->release(group, Voicing::variant(code, *pack_, group));
+        const auto release = cream()->release(group, Voicing::variant(code, *cream(), group));
         ASSERT_TRUE(release);
         const auto& command = releases[i].command;
         EXPECT_EQ(command.layers[0].left, release->sample.left);
@@ -128,8 +121,8 @@ TEST_F(ConductorTest, KeyUpWithoutAStrengthPlaysTheReleaseAtEightyPercentWithinF
     EXPECT_GT(ratios.size(), 10u);
 }
 
-TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeItsSound) {
-    Rig rig(pack_);
+TEST(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeItsSound) {
+    Rig rig(cream());
     auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
     conductor.handle(rig.down(0));
@@ -157,8 +150,8 @@ TEST_F(ConductorTest, IdlenessPausesTheOutputAndTheNextKeyDownRestartsItBeforeIt
     EXPECT_TRUE(audio->isRunning());
 }
 
-TEST_F(ConductorTest, DisabledSoundSuspendsAndIgnoresKeysUntilEnabled) {
-    Rig rig(pack_);
+TEST(ConductorTest, DisabledSoundSuspendsAndIgnoresKeysUntilEnabled) {
+    Rig rig(cream());
     auto& [recorder, clock, audio, conductor] = rig;
     auto settings = fixedTier(Tier::hard);
     conductor.apply(settings, true);
@@ -193,13 +186,13 @@ TEST(ConductorTags, NeverWrapToZero) {
     for (const auto& [last, next] : cases) EXPECT_EQ(Conductor::tagAfter(last), next) << last;
 }
 
-TEST_F(ConductorTest, AReplacedPackLivesUntilTheMixerHasFadedItsVoices) {
+TEST(ConductorTest, AReplacedPackLivesUntilTheMixerHasFadedItsVoices) {
     auto first = fixtures::loadBuiltInPack("cream");
     std::weak_ptr<const LoadedPack> watch = first;
     Rig rig(std::move(first));
     auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), false);
-    conductor.setPack(pack_);
+    conductor.setPack(cream());
 
     // The output never ran, so the release-all has not been rendered yet: the
     // old samples must stay, however often the drop is tried.
@@ -224,14 +217,14 @@ AudioBackendFactory stalledDevice() {
                                [](const auto&, const auto&) { return std::make_unique<Stalled>(); }};
 }
 
-TEST_F(ConductorTest, AReleaseAllTheFullRingRefusedIsNeverSentAgainToFadeTheNewPack) {
+TEST(ConductorTest, AReleaseAllTheFullRingRefusedIsNeverSentAgainToFadeTheNewPack) {
     auto first = fixtures::loadBuiltInPack("cream");
     std::weak_ptr<const LoadedPack> watch = first;
     Rig rig(std::move(first), {}, nullptr, std::make_shared<AudioOutput>(std::vector{stalledDevice()}, ""));
     auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), true);
     for (int i = 0; i < 600; ++i) conductor.handle(rig.down(KeyCode::a));
-    conductor.setPack(pack_);
+    conductor.setPack(cream());
     rig.advance(60s);
 
     const auto releases = recorder.commands(TB_COMMAND_RELEASE_ALL);
@@ -242,8 +235,8 @@ TEST_F(ConductorTest, AReleaseAllTheFullRingRefusedIsNeverSentAgainToFadeTheNewP
     EXPECT_FALSE(watch.expired());
 }
 
-TEST_F(ConductorTest, AuditionPlaysTheSixteenKeyPhraseWithItsReleases) {
-    Rig rig(pack_);
+TEST(ConductorTest, AuditionPlaysTheSixteenKeyPhraseWithItsReleases) {
+    Rig rig(cream());
     auto& [recorder, clock, audio, conductor] = rig;
     conductor.apply(fixedTier(Tier::medium), false);
     conductor.audition();

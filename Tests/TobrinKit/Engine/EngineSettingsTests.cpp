@@ -10,18 +10,8 @@ namespace {
 
 EngineSettings decode(const char* text) { return nlohmann::json::parse(text).get<EngineSettings>(); }
 
-TEST(EngineSettings, EmptyObjectDecodesToTheDefaults) {
-    const EngineSettings decoded = decode("{}");
-    EXPECT_EQ(decoded, EngineSettings());
-    EXPECT_TRUE(decoded.enabled);
-    EXPECT_FLOAT_EQ(decoded.volume, 0.7f);
-    EXPECT_EQ(decoded.fixedTier, Tier::medium);
-    EXPECT_FLOAT_EQ(decoded.spatial, 0.5f);
-    EXPECT_EQ(decoded.shortcut.keyCode, 40u);
-    EXPECT_EQ(decoded.shortcut.modifiers.rawValue, 11u);
-}
-
 TEST(EngineSettings, MissingKeysKeepTheirDefaults) {
+    EXPECT_EQ(decode("{}"), EngineSettings());
     EngineSettings expected;
     expected.volume = 0.2f;
     EXPECT_EQ(decode(R"({"volume": 0.2})"), expected);
@@ -36,7 +26,7 @@ TEST(EngineSettings, MissingKeysKeepTheirDefaults) {
 
 TEST(EngineSettings, InvalidValuesFailDecoding) {
     const char* broken[] = {
-        R"({"fixedTier": 7})",
+        R"({"fixedTier": 4})",
         R"({"fixedTier": -1})",
         R"({"fixedTier": "hard"})",
         R"({"enabled": "yes"})",

@@ -1,5 +1,4 @@
 #include "TobrinKit/Engine/Core/KeyGroup.h"
-#include "TobrinKit/Engine/Core/Tier.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -18,26 +17,6 @@ TEST(KeyGroup, IsNamedExactlyAsInPackFiles) {
     for (const char* other : {"Alpha", "SPACE", "", "alpha "}) EXPECT_FALSE(keyGroupFromRawValue(other)) << other;
     EXPECT_THROW(nlohmann::json("Enter").get<KeyGroup>(), nlohmann::json::exception);
     EXPECT_THROW(nlohmann::json(2).get<KeyGroup>(), nlohmann::json::exception);
-}
-
-TEST(Tier, IsStoredAsZeroToThreeAndNamedInAnyCase) {
-    const char* names[] = {"soft", "medium", "hard", "slam"};
-    for (std::size_t i = 0; i < allTiers.size(); ++i) {
-        EXPECT_EQ(tierFromRawValue(static_cast<long long>(i)), allTiers[i]);
-        EXPECT_EQ(nlohmann::json(allTiers[i]), nlohmann::json(i));
-        EXPECT_EQ(nlohmann::json(i).get<Tier>(), allTiers[i]);
-        EXPECT_EQ(name(allTiers[i]), names[i]);
-        EXPECT_EQ(tierFromName(names[i]), allTiers[i]);
-    }
-    EXPECT_EQ(tierFromName("SLAM"), Tier::slam);
-    EXPECT_EQ(tierFromName("Medium"), Tier::medium);
-    EXPECT_FALSE(tierFromName("loud"));
-    EXPECT_FALSE(tierFromName(""));
-    EXPECT_FALSE(tierFromRawValue(4));
-    EXPECT_FALSE(tierFromRawValue(-1));
-    for (const char* other : {"7", "-1", "\"hard\"", "1.5"}) {
-        EXPECT_THROW(nlohmann::json::parse(other).get<Tier>(), nlohmann::json::exception) << other;
-    }
 }
 
 } // namespace

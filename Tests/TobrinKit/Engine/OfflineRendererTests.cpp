@@ -51,26 +51,20 @@ TEST(TypingScript, TypesOnlyKnownCharactersWithHumanTiming) {
     }
 }
 
-class OfflineRendererTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { pack_ = fixtures::loadBuiltInPack("cream"); }
-    static void TearDownTestSuite() { pack_.reset(); }
-    static std::shared_ptr<const LoadedPack> pack_;
-};
-std::shared_ptr<const LoadedPack> OfflineRendererTest::pack_;
+using fixtures::cream;
 
-TEST_F(OfflineRendererTest, EmptyScriptWithoutTailRendersNothing) {
-    const auto out = OfflineRenderer::render(*pack_, {}, EngineSettings(), 0, 48000);
+TEST(OfflineRendererTest, EmptyScriptWithoutTailRendersNothing) {
+    const auto out = OfflineRenderer::render(*cream(), {}, EngineSettings(), 0, 48000);
     EXPECT_TRUE(out.left.empty());
     EXPECT_TRUE(out.right.empty());
-    EXPECT_EQ(OfflineRenderer::render(*pack_, {}, EngineSettings(), 0.5, 48000).left.size(), 24000u);
+    EXPECT_EQ(OfflineRenderer::render(*cream(), {}, EngineSettings(), 0.5, 48000).left.size(), 24000u);
 }
 
-TEST_F(OfflineRendererTest, TwoRendersOfOneScriptAreBitIdentical) {
+TEST(OfflineRendererTest, TwoRendersOfOneScriptAreBitIdentical) {
     const auto script = OfflineRenderer::typingScript("the quick brown fox", 80, 9,
                                                       [](int i, int n) { return 3.0f * float(i) / float(n); });
-    const auto a = OfflineRenderer::render(*pack_, script, EngineSettings(), 0.5, 48000);
-    const auto b = OfflineRenderer::render(*pack_, script, EngineSettings(), 0.5, 48000);
+    const auto a = OfflineRenderer::render(*cream(), script, EngineSettings(), 0.5, 48000);
+    const auto b = OfflineRenderer::render(*cream(), script, EngineSettings(), 0.5, 48000);
     ASSERT_EQ(a.left.size(), std::size_t(std::floor(48000 * (0.5 + script.back().time))));
     EXPECT_EQ(a.left, b.left);
     EXPECT_EQ(a.right, b.right);
@@ -78,12 +72,12 @@ TEST_F(OfflineRendererTest, TwoRendersOfOneScriptAreBitIdentical) {
     EXPECT_NE(a.left, a.right); // keys are placed in the stereo field
 }
 
-TEST_F(OfflineRendererTest, OnsetsAreQuantisedToTheirSixtyFourFrameBlock) {
+TEST(OfflineRendererTest, OnsetsAreQuantisedToTheirSixtyFourFrameBlock) {
     EngineSettings settings;
     settings.volume = 1.0f; // no master ramp in the first block
     settings.releaseSounds = false;
     const auto render = [&](double time) {
-        return OfflineRenderer::render(*pack_, {ScriptedKey{time, 0, KeyAction::down, 1.0f}}, settings, 0.3, 48000);
+        return OfflineRenderer::render(*cream(), {ScriptedKey{time, 0, KeyAction::down, 1.0f}}, settings, 0.3, 48000);
     };
     const auto atZero = render(0.0);
     const auto early = render(0.0001); // frame 4: same block as frame 0
@@ -98,11 +92,11 @@ TEST_F(OfflineRendererTest, OnsetsAreQuantisedToTheirSixtyFourFrameBlock) {
 
 // A NaN position is a defined value on every path a stroke takes (tier,
 // strength, weights, release): the render equals that of the softest position.
-TEST_F(OfflineRendererTest, NaNPositionsPlayAsTheSoftest) {
+TEST(OfflineRendererTest, NaNPositionsPlayAsTheSoftest) {
     auto script = OfflineRenderer::typingScript("nan keys", 120, 5, [](int, int) { return NAN; });
-    const auto withNaN = OfflineRenderer::render(*pack_, script, EngineSettings(), 0.3, 48000);
+    const auto withNaN = OfflineRenderer::render(*cream(), script, EngineSettings(), 0.3, 48000);
     for (ScriptedKey& key : script) key.position = 0.0f;
-    const auto soft = OfflineRenderer::render(*pack_, script, EngineSettings(), 0.3, 48000);
+    const auto soft = OfflineRenderer::render(*cream(), script, EngineSettings(), 0.3, 48000);
     EXPECT_EQ(withNaN.left, soft.left);
     EXPECT_EQ(withNaN.right, soft.right);
     EXPECT_GT(*std::max_element(soft.left.begin(), soft.left.end()), 0.01f);

@@ -7,7 +7,6 @@
 
 #include <cmath>
 #include <filesystem>
-#include <limits>
 
 namespace tobrin {
 namespace {
@@ -41,27 +40,11 @@ TEST(SampleBuffer, CopiesSamplesAndSharesTheLeftBlockForMono) {
     EXPECT_EQ(stereo.left()[0], 0.5f);
     EXPECT_EQ(stereo.right()[0], 0.1f);
     EXPECT_EQ(stereo.peak(), 0.9f);
-    EXPECT_EQ(stereo.memoryBytes(), 3u * 4 * 2);
 
     EXPECT_TRUE(mono.isMono());
     EXPECT_EQ(mono.right(), mono.left());
     EXPECT_EQ(mono.peak(), 0.75f);
     EXPECT_DOUBLE_EQ(mono.duration(), 3.0 / 44100);
-    EXPECT_EQ(mono.memoryBytes(), 3u * 4);
-
-    const TBSample sample = stereo.tbSample();
-    EXPECT_EQ(sample.left, stereo.left());
-    EXPECT_EQ(sample.right, stereo.right());
-    EXPECT_EQ(sample.frames, 3u);
-}
-
-TEST(SampleBuffer, EmptySoundStillHasBlocksToPointAt) {
-    SampleBuffer empty(std::span<const float>(), std::span<const float>(), 48000);
-    EXPECT_EQ(empty.frames(), 0u);
-    EXPECT_NE(empty.left(), nullptr);
-    EXPECT_NE(empty.right(), nullptr);
-    EXPECT_EQ(empty.peak(), 0.0f);
-    EXPECT_EQ(empty.duration(), 0.0);
 }
 
 TEST(SampleBuffer, MovingKeepsTheBlocksWhereTheyAre) {
@@ -89,6 +72,11 @@ TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
         b.push_back(static_cast<float>(i % 7) / 8.0f);
         c.push_back(-0.5f);
     }
+    // Found by fuzzing: a file declaring 1022 channels made every read
+    // allocate 16384 frames of all of them. Only the first two are kept.
+    std::vector<std::vector<float>> many(1022, c);
+    many[0] = b;
+    many[1] = a;
     struct Case {
         const char* name;
         std::vector<std::vector<float>> channels;
@@ -99,6 +87,7 @@ TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
         {"stereo16.wav", {a, b}, SF_FORMAT_WAV | SF_FORMAT_PCM_16},
         {"stereofloat.wav", {b, a}, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
         {"three.wav", {a, b, c}, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+        {"many.wav", many, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
         {"mono.flac", {b}, SF_FORMAT_FLAC | SF_FORMAT_PCM_16},
     };
     for (const Case& test : cases) {
@@ -112,39 +101,6 @@ TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
         const auto& expectedRight = test.channels.size() == 1 ? test.channels[0] : test.channels[1];
         EXPECT_EQ(std::vector<float>(buffer.right(), buffer.right() + 480), expectedRight);
     }
-}
-
-// Found by fuzzing: a file declaring 1022 channels made every read allocate
-// 16384 frames of all of them, so a few tiny files took seconds to load.
-TEST(SampleBufferLoad, KeepsTheFirstTwoOfVeryManyChannels) {
-    ScratchFolder folder;
-    std::vector<std::vector<float>> channels(1022, std::vector<float>(100, 0.0f));
-    channels[0].assign(100, 0.25f);
-    channels[1].assign(100, -0.5f);
-    writeSound(folder / "many.wav", channels, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-    SampleBuffer buffer = SampleBuffer::load(folder / "many.wav", 48000);
-    ASSERT_EQ(buffer.frames(), 100u);
-    EXPECT_EQ(buffer.left()[99], 0.25f);
-    EXPECT_EQ(buffer.right()[99], -0.5f);
-    EXPECT_EQ(buffer.peak(), 0.5f);
-}
-
-TEST(SampleBufferLoad, SamplesThatAreNotNumbersBecomeSilence) {
-    ScratchFolder folder;
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const float inf = std::numeric_limits<float>::infinity();
-    writeSound(folder / "bad48.wav", {{0.5f, nan, -inf, 0.25f}, {inf, 0.125f, nan, -0.25f}}, 48000,
-               SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-    SampleBuffer at48 = SampleBuffer::load(folder / "bad48.wav", 48000);
-    EXPECT_EQ(std::vector<float>(at48.left(), at48.left() + 4), (std::vector<float>{0.5f, 0, 0, 0.25f}));
-    EXPECT_EQ(std::vector<float>(at48.right(), at48.right() + 4), (std::vector<float>{0, 0.125f, 0, -0.25f}));
-
-    auto samples = sine(4410, 440, 44100, 0.5);
-    samples[2000] = nan;
-    writeSound(folder / "bad441.wav", {samples}, 44100, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-    SampleBuffer converted = SampleBuffer::load(folder / "bad441.wav", 48000);
-    for (std::size_t i = 0; i < converted.frames(); ++i) ASSERT_TRUE(std::isfinite(converted.left()[i])) << i;
-    EXPECT_NEAR(converted.peak(), 0.5f, 0.01f);
 }
 
 TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
@@ -196,6 +152,8 @@ TEST(SampleBufferLoad, EmptyAndTruncatedFilesGiveWhatTheyHold) {
         SCOPED_TRACE(name);
         SampleBuffer buffer = SampleBuffer::load(folder / name, 48000);
         EXPECT_EQ(buffer.frames(), 0u);
+        EXPECT_NE(buffer.left(), nullptr); // blocks to point at, even empty
+        EXPECT_NE(buffer.right(), nullptr);
         EXPECT_EQ(buffer.peak(), 0.0f);
         EXPECT_EQ(buffer.duration(), 0.0);
         EXPECT_EQ(buffer.sampleRate(), 48000);
@@ -224,13 +182,8 @@ TEST(SampleBufferLoad, FilesThatCannotBeOpenedFailNamingTheFileAndTheReason) {
         {"missing.wav", "No such file or directory"},
     };
     for (const auto& [name, reason] : cases) {
-        SCOPED_TRACE(name);
-        try {
-            SampleBuffer::load(folder / name, 48000);
-            ADD_FAILURE() << "loaded";
-        } catch (const SampleBuffer::OpenError& error) {
-            EXPECT_EQ(std::string(error.what()), "Can't read " + std::string(name) + ": " + reason);
-        }
+        EXPECT_EQ(test::errorOf([&] { SampleBuffer::load(folder / name, 48000); }),
+                  "Can't read " + std::string(name) + ": " + reason);
     }
     // A folder or a FIFO is refused before the library would read (or block on) it.
     std::filesystem::create_directory(folder / "folder.wav");
@@ -243,35 +196,18 @@ TEST(SampleBufferLoad, AnUnusableRateIsADecodeError) {
     ScratchFolder folder;
     writeSound(folder / "ok.wav", {std::vector<float>(10, 0.1f)}, 48000);
     for (double rate : {0.0, -48000.0, std::nan("")}) {
-        try {
-            SampleBuffer::load(folder / "ok.wav", rate);
-            ADD_FAILURE() << "loaded at " << rate;
-        } catch (const PackError& error) {
-            EXPECT_EQ(error.kind(), PackError::Kind::decode);
-            EXPECT_STREQ(error.what(), "Can't read ok.wav: unsupported format");
-        }
+        EXPECT_EQ(test::errorOf<PackError>([&] { SampleBuffer::load(folder / "ok.wav", rate); }),
+                  "Can't read ok.wav: unsupported format")
+            << rate;
     }
 }
 
-TEST(SampleBufferLoad, FrameLimitIsInclusiveBeforeAndAfterConversion) {
+// The limit counts frames after conversion, and takes as many as it names: a
+// file recorded above the output rate holds more frames than it will have,
+// and must not be refused for them.
+TEST(SampleBufferLoad, FrameLimitIsInclusiveAndCountsConvertedFrames) {
     ScratchFolder folder;
-    writeSound(folder / "at48.wav", {std::vector<float>(4800, 0.1f)}, 48000);
-    EXPECT_EQ(SampleBuffer::load(folder / "at48.wav", 48000, 4800).frames(), 4800u);
-    EXPECT_THROW(SampleBuffer::load(folder / "at48.wav", 48000, 4799), SampleBuffer::TooLong);
-
-    writeSound(folder / "at441.wav", {std::vector<float>(44100, 0.1f)}, 44100);
-    const std::size_t converted = SampleBuffer::load(folder / "at441.wav", 48000).frames();
-    EXPECT_EQ(SampleBuffer::load(folder / "at441.wav", 48000, converted).frames(), converted);
-    EXPECT_THROW(SampleBuffer::load(folder / "at441.wav", 48000, converted - 1), SampleBuffer::TooLong);
-    // Far over the limit is refused without converting the whole file.
-    EXPECT_THROW(SampleBuffer::load(folder / "at441.wav", 48000, 100), SampleBuffer::TooLong);
-}
-
-// The limit counts frames after conversion: a file recorded above the output
-// rate holds more frames than it will have, and must not be refused for them.
-TEST(SampleBufferLoad, FrameLimitCountsConvertedFramesOfDownsampledFiles) {
-    ScratchFolder folder;
-    for (const int rate : {88200, 96000, 192000}) {
+    for (const int rate : {48000, 44100, 88200, 96000, 192000}) {
         SCOPED_TRACE(rate);
         const std::string name = std::to_string(rate) + ".wav";
         writeSound(folder / name, {sine(std::size_t(rate) / 5, 440, rate, 0.5)}, rate);
@@ -280,6 +216,8 @@ TEST(SampleBufferLoad, FrameLimitCountsConvertedFramesOfDownsampledFiles) {
         EXPECT_EQ(SampleBuffer::load(folder / name, 48000, converted).frames(), converted);
         EXPECT_THROW(SampleBuffer::load(folder / name, 48000, converted - 1), SampleBuffer::TooLong);
     }
+    // Far over the limit is refused without converting the whole file.
+    EXPECT_THROW(SampleBuffer::load(folder / "44100.wav", 48000, 100), SampleBuffer::TooLong);
 }
 
 // Whatever a float file holds, the decoded sound is finite and within ±4:

@@ -1,10 +1,8 @@
 #include "TobrinKit/Engine/Voicing.h"
 
 #include "TobrinKit/Engine/Core/KeyCode.h"
-#include "TobrinKit/Packs/Loading/LoadedPack.h"
-#include "TobrinKit/Packs/PackManifest.h"
 
-#include "Support/SoundFiles.h"
+#include "Support/PackFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -39,13 +37,11 @@ TEST(VoicingKey, TakeAndDetuneFollowTheKeysHash) {
 
 TEST(VoicingKey, TakeCountComesFromTheKeysGroupInTheLoadedPack) {
     test::ScratchFolder scratch;
-    PackManifest manifest;
-    manifest.id = manifest.name = manifest.kind = "voicing";
-    for (const char* name : {"a.wav", "b.wav", "c.wav", "s.wav"}) test::writeSound(scratch / name, {{0, 0}}, 48000);
-    manifest.groups["alpha"].down["medium"] = {"a.wav", "b.wav", "c.wav"};
-    manifest.groups["space"].down["medium"] = {"s.wav"};
-    manifest.write(scratch / "pack.json");
-    const auto pack = LoadedPack::load(PackInfo::read(scratch.path(), false), 48000);
+    test::PackFolder folder(scratch.path());
+    for (const char* name : {"a.wav", "b.wav", "c.wav", "s.wav"}) folder.sound(name, 0, 2);
+    folder.down("alpha", "medium", {"a.wav", "b.wav", "c.wav"});
+    folder.down("space", "medium", {"s.wav"});
+    const auto pack = folder.load();
     // Key 1 plays take 2 of three (see above).
     EXPECT_EQ(Voicing::variant(1, *pack, KeyGroup::alpha), 2u);
     EXPECT_EQ(Voicing::variant(1, *pack, KeyGroup::space), 0u);

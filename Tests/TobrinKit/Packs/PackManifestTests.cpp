@@ -9,8 +9,6 @@
 #include <nlohmann/json.hpp>
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,30 +26,18 @@ std::string withGroups(const std::string& groups) {
 
 // Every decode failure's message, so a test can check it names the right key.
 std::string decodeError(const std::string& text) {
-    try {
-        PackManifest::decode(text);
-    } catch (const PackManifest::DecodeError& error) {
-        return error.what();
-    }
-    return "(decoded)";
+    return test::errorOf<PackManifest::DecodeError>([&] { PackManifest::decode(text); });
 }
 
 TEST(PackManifest, DecodesRequiredKeysAndLeavesOptionalOnesAbsent) {
     const PackManifest manifest = PackManifest::decode(minimal);
-    EXPECT_EQ(manifest.formatVersion, 1);
-    EXPECT_EQ(manifest.id, "p");
-    EXPECT_EQ(manifest.name, "P");
-    EXPECT_EQ(manifest.kind, "synth");
-    EXPECT_FALSE(manifest.summary);
-    EXPECT_FALSE(manifest.author);
-    EXPECT_FALSE(manifest.license);
-    EXPECT_TRUE(manifest.groups.empty());
+    PackManifest expected; // version 1, no optional texts, no groups
+    expected.id = "p";
+    expected.name = "P";
+    expected.kind = "synth";
+    EXPECT_EQ(manifest, expected);
 
-    const auto encoded = nlohmann::json::parse(manifest.encode());
-    EXPECT_FALSE(encoded.contains("summary"));
-    EXPECT_FALSE(encoded.contains("author"));
-    EXPECT_FALSE(encoded.contains("license"));
-    EXPECT_EQ(encoded, nlohmann::json::parse(minimal));
+    EXPECT_EQ(nlohmann::json::parse(manifest.encode()), nlohmann::json::parse(minimal));
 }
 
 TEST(PackManifest, DecodesGroupsTiersAndOptionalTextsAsWritten) {
@@ -109,7 +95,7 @@ TEST(PackManifest, RejectsMissingKeysAndWrongTypesNamingTheKey) {
     }
     const std::string syntax = decodeError(R"({"formatVersion": 1,)");
     EXPECT_TRUE(syntax.starts_with("parse error at line 1")) << syntax;
-    EXPECT_EQ(decodeError(withGroups(R"({"alpha": {"down": {}, "up": null}})")), "(decoded)");
+    EXPECT_EQ(decodeError(withGroups(R"({"alpha": {"down": {}, "up": null}})")), "(no error)");
 }
 
 // A JSON list of `count` copies of one path, and an object of `count` keys.
@@ -150,7 +136,7 @@ TEST(PackManifest, RefusesManifestsBeyondItsSizeAndCountBounds) {
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.text.substr(0, 120));
-        EXPECT_EQ(decodeError(test.text), test.error.empty() ? "(decoded)" : test.error);
+        EXPECT_EQ(decodeError(test.text), test.error.empty() ? "(no error)" : test.error);
     }
 }
 
@@ -173,9 +159,7 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
     manifest.name = "Red";
     manifest.kind = "synthesized";
     manifest.license = "CC0 1.0";
-    manifest.groups["space"].down["soft"] = {"space/soft-1.wav"};
     manifest.groups["alpha"].down["medium"] = {"alpha/medium-1.wav", "alpha/medium-2.wav"};
-    manifest.groups["alpha"].down["hard"] = {"alpha/hard-1.wav"};
     manifest.groups["alpha"].up = std::vector<std::string>{"alpha/up-1.wav"};
 
     const std::string text = manifest.encode();
@@ -184,9 +168,6 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
   "groups": {
     "alpha": {
       "down": {
-        "hard": [
-          "alpha/hard-1.wav"
-        ],
         "medium": [
           "alpha/medium-1.wav",
           "alpha/medium-2.wav"
@@ -195,13 +176,6 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
       "up": [
         "alpha/up-1.wav"
       ]
-    },
-    "space": {
-      "down": {
-        "soft": [
-          "space/soft-1.wav"
-        ]
-      }
     }
   },
   "id": "synth-red",
@@ -214,49 +188,10 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
     EXPECT_EQ(PackManifest::decode(text), manifest);
 }
 
-TEST(PackManifest, WritesAFileThatReadsBackAndLeavesNoTemporary) {
-    ScratchFolder folder;
-    PackManifest manifest = PackManifest::decode(minimal);
-    manifest.summary = "Quiet";
-    manifest.write(folder / "pack.json");
-    EXPECT_EQ(PackManifest::read(folder.path()), manifest);
-    manifest.name = "Renamed";
-    manifest.write(folder / "pack.json");
-    EXPECT_EQ(PackManifest::read(folder.path()).name, "Renamed");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
-    EXPECT_THROW(manifest.write(folder / "no-such-folder" / "pack.json"), std::system_error);
-}
-
-TEST(PackManifest, WriteNeverFollowsALinkPlantedAtATemporaryName) {
-    ScratchFolder folder;
-    test::writeText(folder / "victim.txt", "precious");
-    std::filesystem::create_symlink(folder / "victim.txt", folder / ("pack.json.tmp-" + std::to_string(::getpid())));
-    const PackManifest manifest = PackManifest::decode(minimal);
-    manifest.write(folder / "pack.json");
-    std::ifstream victim(folder / "victim.txt");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(victim), {}), "precious");
-    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder / "pack.json")));
-    EXPECT_EQ(PackManifest::read(folder.path()), manifest);
-}
-
-TEST(PackInfo, ReadsTheSummaryFromTheFolder) {
-    ScratchFolder folder;
-    // Only the manifest is read: a pack whose audio is missing is still listed.
-    test::writeText(folder / "pack.json", R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "k",
-        "summary": "S", "groups": {"alpha": {"down": {"soft": ["missing.wav"]}}}})");
-    const PackInfo info = PackInfo::read(folder.path(), true);
-    EXPECT_EQ(info, (PackInfo{"p", "P", "k", "S", folder.path(), true}));
-}
-
 TEST(PackInfo, TellsAMissingManifestFromAnUnreadableOneAndAnInvalidOne) {
     ScratchFolder folder;
-    auto describe = [](const std::filesystem::path& directory) -> std::string {
-        try {
-            PackInfo::read(directory, false);
-        } catch (const PackError& error) {
-            return error.what();
-        }
-        return "(read)";
+    auto describe = [](const std::filesystem::path& directory) {
+        return test::errorOf<PackError>([&] { PackInfo::read(directory, false); });
     };
     const auto unreadable = [&](const char* name, const char* reason) {
         return "Can't read " + (folder / name / "pack.json").string() + ": " + reason;

@@ -6,9 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <iterator>
-#include <map>
 #include <string>
 
 namespace tobrin {
@@ -25,16 +23,6 @@ void writePack(const fs::path& folder, const std::string& name, int count) {
     for (int i = 0; i < count; ++i) test::writeText(folder / (std::to_string(i) + ".wav"), name);
 }
 
-// Every file under `folder` with its contents.
-std::map<std::string, std::string> contentsOf(const fs::path& folder) {
-    std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        files[fs::relative(entry.path(), folder).string()] = std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    return files;
-}
-
 TEST(StagedPackFolder, AWriterKilledBeforeItsCommitLeavesThePreviousPackAsItWas) {
     ScratchFolder scratch;
     const fs::path packs = scratch / "packs", target = packs / "pack";
@@ -43,7 +31,7 @@ TEST(StagedPackFolder, AWriterKilledBeforeItsCommitLeavesThePreviousPackAsItWas)
         writePack(staged.folder(), "old", 4);
         staged.commit();
     }
-    const auto before = contentsOf(target);
+    const auto before = test::treeOf(target);
 
     // Killed with a whole new pack staged, manifest and all, just before the commit.
     test::ChildProcess writer([&](const auto& ready) {
@@ -56,7 +44,7 @@ TEST(StagedPackFolder, AWriterKilledBeforeItsCommitLeavesThePreviousPackAsItWas)
     ASSERT_TRUE(writer.waitUntilReady(30s));
     writer.kill();
     EXPECT_EQ(writer.wait(), 128 + SIGKILL);
-    EXPECT_EQ(contentsOf(target), before);
+    EXPECT_EQ(test::treeOf(target), before);
     const auto listed = PackLibrary::discover(packs, false);
     ASSERT_EQ(listed.size(), 1u);
     EXPECT_EQ(listed[0].name, "old");
@@ -70,7 +58,7 @@ TEST(StagedPackFolder, AWriterKilledBeforeItsCommitLeavesThePreviousPackAsItWas)
         allowed = false;
         EXPECT_THROW(staged.commit(), StagedPackFolder::Refused);
     }
-    EXPECT_EQ(contentsOf(target), before);
+    EXPECT_EQ(test::treeOf(target), before);
     EXPECT_EQ(std::distance(fs::directory_iterator(packs), {}), 1); // the pack, nothing aside
 }
 

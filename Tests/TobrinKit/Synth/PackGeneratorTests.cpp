@@ -124,10 +124,10 @@ TEST_F(StarterPacks, StrikeHarderForLouderReleaseSofterAndClipOnlyWhenSlammed) {
 
 TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
     const SynthProfile& cream = SynthProfile::cream();
-    const fs::path into = packs().string() + "-in-the-way", folder = into / cream.id;
+    const test::ScratchFolder into;
+    const fs::path folder = into / cream.id;
     const auto mine = [](const fs::path& file) { std::ofstream(file) << "mine"; };
-    fs::remove_all(into);
-    PackGenerator::write(cream, takesOf(cream), into);
+    PackGenerator::write(cream, takesOf(cream), into.path());
     fs::remove(folder / "alpha-soft-1.wav");
     EXPECT_TRUE(PackGenerator::isGeneratedPack(folder)); // a take missing loses nothing
 
@@ -140,43 +140,40 @@ TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
         {"a plain file", [&] { fs::remove_all(folder), mine(folder); }},
     };
     for (const auto& [what, change] : inTheWay) {
-        fs::remove_all(into);
-        PackGenerator::write(cream, takesOf(cream), into);
+        fs::remove_all(folder);
+        fs::remove_all(into / "real");
+        PackGenerator::write(cream, takesOf(cream), into.path());
         change();
         EXPECT_FALSE(PackGenerator::isGeneratedPack(folder)) << what;
         // Refused before anything is written; the folder stays as it was.
-        const auto before = treeOf(into);
-        EXPECT_THROW(PackGenerator::write(cream, takesOf(cream), into), StagedPackFolder::Refused) << what;
-        EXPECT_EQ(treeOf(into), before) << what;
+        const auto before = treeOf(into.path());
+        EXPECT_THROW(PackGenerator::write(cream, takesOf(cream), into.path()), StagedPackFolder::Refused) << what;
+        EXPECT_EQ(treeOf(into.path()), before) << what;
     }
-    fs::remove_all(into);
 }
 
 TEST_F(StarterPacks, AFailureMidwayLeavesThePreviousPackAsItWas) {
     const SynthProfile& dome = SynthProfile::dome();
-    const fs::path into = packs().string() + "-failing";
-    fs::remove_all(into);
-    PackGenerator::write(dome, takesOf(dome), into);
-    const auto before = treeOf(into);
+    const test::ScratchFolder into;
+    PackGenerator::write(dome, takesOf(dome), into.path());
+    const auto before = treeOf(into.path());
 
     // The 31st take cannot be written (its folder does not exist), as on a full disk.
     std::vector<PackGenerator::Take> failing = takesOf(dome);
     failing[30].name = "missing-folder/" + failing[30].name;
-    EXPECT_THROW(PackGenerator::write(dome, failing, into), fs::filesystem_error);
+    EXPECT_THROW(PackGenerator::write(dome, failing, into.path()), fs::filesystem_error);
 
-    EXPECT_EQ(treeOf(into), before);
-    EXPECT_EQ(std::distance(fs::directory_iterator(into), {}), 1); // the pack, nothing aside
-    fs::remove_all(into);
+    EXPECT_EQ(treeOf(into.path()), before);
+    EXPECT_EQ(std::distance(fs::directory_iterator(into.path()), {}), 1); // the pack, nothing aside
 }
 
 TEST_F(StarterPacks, FourProcessesWritingOnePackLeaveItWhole) {
     const SynthProfile& panda = SynthProfile::panda();
-    const fs::path into = packs().string() + "-contended";
-    fs::remove_all(into);
+    const test::ScratchFolder into;
     std::vector<std::unique_ptr<test::ChildProcess>> writers;
     for (int w = 0; w < 4; ++w) {
         writers.push_back(std::make_unique<test::ChildProcess>([&](const auto&) {
-            for (int round = 0; round < 3; ++round) PackGenerator::write(panda, takesOf(panda), into);
+            for (int round = 0; round < 3; ++round) PackGenerator::write(panda, takesOf(panda), into.path());
             return 0;
         }));
     }
@@ -184,7 +181,6 @@ TEST_F(StarterPacks, FourProcessesWritingOnePackLeaveItWhole) {
     // Whole and identical to a pack written alone: every listed file there, nothing else.
     EXPECT_EQ(treeOf(into / panda.id), treeOf(packs() / panda.id));
     EXPECT_TRUE(PackGenerator::isGeneratedPack(into / panda.id));
-    fs::remove_all(into);
 }
 
 TEST(PackGenerator, RendersTheSameTakesOnAnyNumberOfWorkers) {
