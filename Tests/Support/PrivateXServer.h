@@ -4,22 +4,20 @@
 // constructor returns, stopped by process id when the object goes. And
 // FakeKeyboard, which types into it through the XTEST extension.
 
+#include "Support/Eventually.h"
+#include "Support/RunningProgram.h"
+#include "Support/TemporaryFolder.h"
+
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 namespace tobrin::test {
 
@@ -27,55 +25,33 @@ class PrivateXServer {
 public:
     // `extra` are further Xvfb options, such as "-ardelay", "100".
     explicit PrivateXServer(std::vector<std::string> extra = {}) {
-        int ready[2];
-        if (::pipe(ready) != 0) throw std::runtime_error("pipe failed");
-        std::vector<std::string> words = {"Xvfb", "-displayfd", std::to_string(ready[1]), "-nolisten", "tcp", "-screen",
-                                          "0",    "64x64x24"};
+        std::vector<std::string> words = {"/usr/bin/Xvfb", "-displayfd", "1", "-nolisten",
+                                          "tcp",           "-screen",    "0", "64x64x24"};
         words.insert(words.end(), extra.begin(), extra.end());
-        std::vector<char*> argv;
-        for (auto& word : words) argv.push_back(word.data());
-        argv.push_back(nullptr);
-
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addclose(&actions, ready[0]);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        const int spawned = posix_spawnp(&pid_, "Xvfb", &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ready[1]);
-        if (spawned != 0) {
-            ::close(ready[0]);
-            throw std::runtime_error("cannot start Xvfb");
-        }
-        // Xvfb writes its display number once it accepts connections.
-        std::string number;
-        char c;
-        while (::read(ready[0], &c, 1) == 1 && c != '\n') number += c;
-        ::close(ready[0]);
-        if (number.empty()) {
-            stop();
-            throw std::runtime_error("Xvfb did not start");
-        }
-        display_ = ":" + number;
+        xvfb_.emplace(words, std::map<std::string, std::string>{}, (folder_ / "xvfb.log").string());
+        // Xvfb writes its display number on a line of its own once it accepts
+        // connections (its warnings go to the same file).
+        eventually(
+            [&] {
+                std::istringstream lines(xvfb_->output());
+                for (std::string line; std::getline(lines, line) && !lines.eof();)
+                    if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos)
+                        display_ = ":" + line;
+                return !display_.empty() || xvfb_->wait(std::chrono::milliseconds(0));
+            },
+            std::chrono::seconds(30));
+        if (display_.empty()) throw std::runtime_error("Xvfb did not start: " + xvfb_->output());
     }
 
-    ~PrivateXServer() { stop(); }
+    ~PrivateXServer() { xvfb_->stop(); }
     PrivateXServer(const PrivateXServer&) = delete;
     PrivateXServer& operator=(const PrivateXServer&) = delete;
 
     const std::string& display() const { return display_; }
 
 private:
-    void stop() {
-        if (pid_ <= 0) return;
-        ::kill(pid_, SIGTERM);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-    }
-
-    pid_t pid_ = -1;
+    TemporaryFolder folder_;
+    std::optional<RunningProgram> xvfb_;
     std::string display_;
 };
 
