@@ -28,8 +28,8 @@ public:
     }
 
     void sound(const std::string& path, float value, std::size_t frames = 480, int channels = 2, int rate = 48000) {
-        writeSound(directory_ / path,
-                         std::vector<std::vector<float>>(channels, std::vector<float>(frames, value)), rate);
+        writeSound(directory_ / path, std::vector<std::vector<float>>(channels, std::vector<float>(frames, value)),
+                   rate);
     }
     void down(const std::string& group, const std::string& tier, std::vector<std::string> paths) {
         manifest_.groups[group].down[tier] = std::move(paths);
