@@ -8,8 +8,11 @@
 // A suite using it defines TOBRIN_SOUND_SERVERS_SCRIPT (the script's path).
 
 #include "Support/Environment.h"
+#include "Support/RunningProgram.h"
+#include "Support/TemporaryFolder.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -152,33 +155,24 @@ class SinkCapture {
 public:
     using Clock = std::chrono::steady_clock;
 
+    // parec writes into a FIFO this object reads; opened here first (without
+    // waiting for a writer), so parec's open of it does not wait either.
     explicit SinkCapture(const std::string& sink) {
-        int fds[2];
-        if (::pipe(fds) != 0) throw std::runtime_error("no pipe for the capture");
-        const std::string device = "--device=" + sink + ".monitor";
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(fds[1], STDOUT_FILENO);
-            ::close(fds[0]);
-            ::close(fds[1]);
-            ::execlp("parec", "parec", device.c_str(), "--raw", "--format=float32le", "--rate=48000", "--channels=2",
-                     "--latency-msec=5", "--client-name=tobrin-test-capture", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(fds[1]);
-        if (pid_ < 0) {
-            ::close(fds[0]);
-            throw std::runtime_error("could not start parec");
-        }
-        fd_ = fds[0];
+        const auto fifo = folder_ / "capture";
+        if (::mkfifo(fifo.c_str(), 0600) != 0) throw std::runtime_error("no FIFO for the capture");
+        fd_ = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        parec_.emplace(std::vector<std::string>{"/usr/bin/parec", "--device=" + sink + ".monitor", "--raw",
+                                                "--format=float32le", "--rate=48000", "--channels=2",
+                                                "--latency-msec=5", "--client-name=tobrin-test-capture"},
+                       std::map<std::string, std::string>{}, fifo.string());
+        ::fcntl(fd_, F_SETFL, 0); // parec holds the other end: reads wait for data, end with parec
         reader_ = std::thread([this] { read(); });
     }
 
     ~SinkCapture() {
-        ::kill(pid_, SIGTERM);
-        reader_.join(); // ends when parec closes its end
+        parec_->stop();
+        reader_.join();
         ::close(fd_);
-        ::waitpid(pid_, nullptr, 0);
     }
 
     SinkCapture(const SinkCapture&) = delete;
@@ -252,8 +246,9 @@ private:
         }
     }
 
-    pid_t pid_ = -1;
+    TemporaryFolder folder_;
     int fd_ = -1;
+    std::optional<RunningProgram> parec_;
     std::thread reader_;
     std::mutex lock_;
     std::condition_variable arrived_;
