@@ -2,6 +2,7 @@
 #include "TobrinKit/Engine/Audio/AudioOutput.h"
 
 #include "Support/Eventually.h"
+#include "Support/Mixer.h"
 
 #include <gtest/gtest.h>
 
@@ -207,13 +208,8 @@ TEST(AudioOutput, AServerThatAppearsIsPickedUpOnTheNextStartAndALostOneWhenItRet
 
 TEST(AudioOutput, RenderCallbackMixesMonoIntoASingleChannelBuffer) {
     constexpr std::uint32_t frames = 64;
-    std::vector<float> sourceLeft(frames, 0.4f), sourceRight(frames, 0.2f);
-    TBCommand command{};
-    command.type = TB_COMMAND_START;
-    command.tag = 1;
-    command.layers[0] = TBSample{sourceLeft.data(), sourceRight.data(), frames};
-    command.weights[0] = 1.0f;
-    command.rate = 1.0f;
+    const std::vector<float> sourceLeft(frames, 0.4f), sourceRight(frames, 0.2f);
+    const TBCommand command = test::startCommand(1, {test::sampleOf(sourceLeft, &sourceRight)}, {1});
 
     struct Case {
         std::uint32_t channelCount;

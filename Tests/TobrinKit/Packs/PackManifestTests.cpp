@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include <cstring>
+#include <filesystem>
+#include <string>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -215,6 +217,19 @@ TEST(PackInfo, TellsAMissingManifestFromAnUnreadableOneAndAnInvalidOne) {
 
     test::writeText(folder / "bad" / "pack.json", R"({"formatVersion": 1})");
     EXPECT_EQ(describe(folder / "bad"), "Invalid pack.json: key \"id\" is missing");
+}
+
+// The loading tests read every other message as the user sees it; these two
+// paths are ones a loaded pack never takes.
+TEST(PackError, NamesTheFullPathOfARelativeFolderAndThePackOfATrailingSlash) {
+    const PackError error = PackError::missingManifest("MyPack");
+    const std::string expected = "No pack.json in " + (std::filesystem::current_path() / "MyPack").string();
+    EXPECT_EQ(error.description(), expected);
+    EXPECT_EQ(std::string(error.what()), expected);
+    EXPECT_EQ(error.kind(), PackError::Kind::missingManifest);
+    EXPECT_EQ(error.url(), std::filesystem::path("MyPack"));
+    EXPECT_STREQ(PackError::invalidManifest("/packs/MyPack/", "pack is too large").what(),
+                 "Invalid MyPack: pack is too large");
 }
 
 } // namespace

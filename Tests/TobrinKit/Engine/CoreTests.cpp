@@ -1,11 +1,17 @@
+// The engine's core types and utilities: clock, random numbers, key groups,
+// text made safe to print.
+#include "TobrinKit/Engine/Core/KeyGroup.h"
 #include "TobrinKit/Engine/Core/MachTime.h"
+#include "TobrinKit/Engine/Core/PrintableText.h"
 #include "TobrinKit/Engine/Core/SplitMix64.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <numeric>
 #include <random>
+#include <string>
 #include <time.h>
 
 namespace tobrin {
@@ -67,6 +73,43 @@ TEST(ShuffledDeterministically, IsAPermutationFixedByTheLength) {
     for (int i = 0; i < 50; ++i) names[std::size_t(i)] = "take" + std::to_string(i);
     const auto shuffledNames = shuffledDeterministically(names);
     for (std::size_t i = 0; i < 50; ++i) EXPECT_EQ(shuffledNames[i], "take" + std::to_string(once[i]));
+}
+
+TEST(KeyGroup, IsNamedExactlyAsInPackFiles) {
+    const char* names[] = {"alpha", "space", "enter", "backspace", "modifier"};
+    for (std::size_t i = 0; i < allKeyGroups.size(); ++i) {
+        EXPECT_EQ(rawValue(allKeyGroups[i]), names[i]);
+        EXPECT_EQ(keyGroupFromRawValue(names[i]), allKeyGroups[i]);
+        EXPECT_EQ(nlohmann::json(names[i]).get<KeyGroup>(), allKeyGroups[i]);
+    }
+    EXPECT_EQ(nlohmann::json(KeyGroup::backspace), nlohmann::json("backspace"));
+    for (const char* other : {"Alpha", "SPACE", "", "alpha "}) EXPECT_FALSE(keyGroupFromRawValue(other)) << other;
+    EXPECT_THROW(nlohmann::json("Enter").get<KeyGroup>(), nlohmann::json::exception);
+    EXPECT_THROW(nlohmann::json(2).get<KeyGroup>(), nlohmann::json::exception);
+}
+
+TEST(PrintableText, EscapesWhatATerminalWouldObeyAndKeepsTheRest) {
+    struct Case {
+        std::string text;
+        std::string shown;
+    };
+    const Case cases[] = {
+        {"Blue Click", "Blue Click"},
+        {"Éclair — 静か", "Éclair — 静か"},
+        {"\x1b]0;owned\x07\x1b[2J", "\\x1B]0;owned\\x07\\x1B[2J"}, // retitle, then clear
+        {std::string("nul\0byte", 8), "nul\\x00byte"},
+        {"\u009B31m", "\\u009B31m"},                            // the one-character CSI
+        {"abc\xe2\x80\xaegnp.exe", "abc\\u202Egnp.exe"},        // right-to-left override
+        {"\xff\xfe bad \xc0\xaf", "\\xFF\\xFE bad \\xC0\\xAF"}, // not UTF-8, an overlong "/"
+        {"cut \xe2\x82", "cut \\xE2\\x82"},                     // a sequence cut short
+    };
+    for (const Case& c : cases) EXPECT_EQ(printable(c.text), c.shown) << c.text;
+}
+
+TEST(PrintableText, CutsLongTextAtACharacterBoundary) {
+    EXPECT_EQ(printable(std::string(100000, '7'), 40), std::string(40, '7') + "...");
+    EXPECT_EQ(printable("abcdé", 5), "abcd...");
+    EXPECT_EQ(printable("abcd", 4), "abcd");
 }
 
 } // namespace
