@@ -109,10 +109,8 @@ TEST(Program, TypingIsHeardTheShortcutSilencesAndRestoresAndSigtermEndsItCleanly
     ASSERT_TRUE(session.settingsSay("\"enabled\": true"));
     EXPECT_TRUE(session.typeUntilHeard(2s));
 
-    const auto asked = Clock::now();
     tobrin->signal(SIGTERM);
-    EXPECT_EQ(tobrin->wait(1000ms), 0) << tobrin->output();
-    EXPECT_LT(Clock::now() - asked, 1000ms);
+    EXPECT_EQ(tobrin->wait(1000ms), 0) << tobrin->output(); // ended within the second
     const auto saved = nlohmann::json::parse(test::readFile(session.settings()));
     EXPECT_EQ(saved.at("engineSettings").at("enabled"), true);
     EXPECT_EQ(saved.at("selectedPack"), "blue-click");
