@@ -119,6 +119,7 @@ TEST(SensorRecording, RefusesBrokenFilesNamingTheLine) {
         {"tobrin-sensor-replay 1\n0 00\n# \x1b]0;x" + std::string(1 << 20, 'c') + "\n", ":3: line longer than 4096"},
         {"tobrin-sensor-replay 1\n" + std::string(1 << 20, '7') + " 00\n", ":2: line longer than 4096"},
         {"tobrin-sensor-replay 1\n\x1b[2J" + std::string(3000, '7') + " 00\n", ":2: offset \"\\x1B[2J7777"},
+        {"tobrin-sensor-replay 1\n0 " + std::string(2 * 257, 'a') + "\n", ":2: report"}, // longer than any report
     };
     for (const Case& c : cases) {
         const auto path = testFile("broken.replay");
@@ -128,10 +129,6 @@ TEST(SensorRecording, RefusesBrokenFilesNamingTheLine) {
         EXPECT_NE(message.find(path.string()), std::string::npos) << message.substr(0, 200);
         EXPECT_LT(message.size(), path.string().size() + 120) << message.substr(0, 200);
     }
-    const std::string longReport = "tobrin-sensor-replay 1\n0 " + std::string(2 * 257, 'a') + "\n";
-    const auto path = testFile("long.replay");
-    test::writeText(path, longReport);
-    EXPECT_THROW(SensorRecording::read(path), SensorRecordingError);
 }
 
 TEST(RecordedMotionSource, FailsToStartOnAMissingOrBrokenFile) {
