@@ -88,20 +88,15 @@ protected:
         return model;
     }
 
-    // Types a key and says whether the engine started a voice for it.
-    bool keyIsHeard() {
+    // Types a key and says whether the engine started a voice for it within `patience`.
+    bool keyStartsAVoice(std::chrono::milliseconds patience) {
         const auto before = audio->startedVoices();
         keyboards.key(keyboard, KEY_A, 1);
         keyboards.key(keyboard, KEY_A, 0);
-        return until([&] { return audio->startedVoices() > before; }, 2000ms);
+        return until([&] { return audio->startedVoices() > before; }, patience);
     }
-    // The engine stays silent for a typed key (given time to act on it).
-    bool keyIsSilent() {
-        const auto before = audio->startedVoices();
-        keyboards.key(keyboard, KEY_A, 1);
-        keyboards.key(keyboard, KEY_A, 0);
-        return !until([&] { return audio->startedVoices() > before; }, 400ms);
-    }
+    bool keyIsHeard() { return keyStartsAVoice(2000ms); }
+    bool keyIsSilent() { return !keyStartsAVoice(400ms); } // given time to act on the key
 
     void pressShortcut() {
         const std::uint16_t keys[] = {KEY_LEFTCTRL, KEY_LEFTALT, KEY_LEFTMETA, KEY_K};

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <vector>
 
@@ -36,11 +35,9 @@ public:
     void operator()(bool inUse) {
         std::lock_guard guard(lock_);
         values_.push_back(inUse);
-        changed_.notify_all();
     }
-    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = patience) {
-        std::unique_lock guard(lock_);
-        return changed_.wait_for(guard, timeout, [&] { return values_.size() >= count; });
+    bool waitForCount(std::size_t count) {
+        return test::eventually([&] { return values().size() >= count; }, patience);
     }
     std::vector<bool> values() {
         std::lock_guard guard(lock_);
@@ -49,7 +46,6 @@ public:
 
 private:
     std::mutex lock_;
-    std::condition_variable changed_;
     std::vector<bool> values_;
 };
 
