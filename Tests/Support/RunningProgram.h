@@ -32,20 +32,14 @@ public:
     RunningProgram(const std::vector<std::string>& words, const std::map<std::string, std::string>& environment,
                    const std::string& outputFile, const std::string& folder = {})
         : outputFile_(outputFile) {
-        std::map<std::string, std::string> merged;
+        // This process's variables but those `environment` names, then its own.
+        std::vector<std::string> envText;
         for (char** entry = environ; *entry; ++entry) {
             const std::string text = *entry;
-            const auto equals = text.find('=');
-            if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
+            if (!environment.contains(text.substr(0, text.find('=')))) envText.push_back(text);
         }
-        for (const auto& [name, value] : environment) {
-            if (value.empty())
-                merged.erase(name);
-            else
-                merged[name] = value;
-        }
-        std::vector<std::string> envText;
-        for (const auto& [name, value] : merged) envText.push_back(name + "=" + value);
+        for (const auto& [name, value] : environment)
+            if (!value.empty()) envText.push_back(name + "=" + value);
         std::vector<char*> envp, argv;
         for (auto& text : envText) envp.push_back(text.data());
         envp.push_back(nullptr);

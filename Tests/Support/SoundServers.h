@@ -28,6 +28,7 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -87,14 +88,10 @@ public:
     bool start() {
         const auto output = script("start " + std::string(serverName(kind_)) + " '" + folder_.string() + "'");
         if (!output) return false;
-        std::size_t from = 0;
-        while (from < output->size()) {
-            const std::size_t end = std::min(output->find('\n', from), output->size());
-            const std::string line = output->substr(from, end - from);
-            from = end + 1;
+        std::istringstream lines(*output);
+        for (std::string line; std::getline(lines, line);) {
             const std::size_t equals = line.find('=');
-            if (equals == std::string::npos) continue;
-            environment_.set(line.substr(0, equals).c_str(), line.substr(equals + 1));
+            if (equals != std::string::npos) environment_.set(line.substr(0, equals).c_str(), line.substr(equals + 1));
         }
         environment_.set("PIPEWIRE_REMOTE", std::nullopt);
         return true;
