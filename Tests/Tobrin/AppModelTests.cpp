@@ -3,6 +3,7 @@
 #include "SystemEvents.h"
 
 #include "Support/AppModelFixture.h"
+#include "Support/Environment.h"
 #include "Support/RunningProgram.h"
 
 #include <QDBusConnection>
@@ -183,7 +184,8 @@ TEST_F(AppModelTest, LogindsWakeSignalOnTheSystemBusRefreshesTheMicrophoneWatch)
     test::RunningProgram daemon({"/usr/bin/dbus-daemon", "--session", "--nofork", "--address=" + bus}, {},
                                 (folder / "dbus.log").string());
     ASSERT_TRUE(test::eventually([&] { return std::filesystem::exists(folder / "bus"); }));
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
+    test::Environment environment;
+    environment.set("DBUS_SYSTEM_BUS_ADDRESS", bus);
     {
         auto logind = QDBusConnection::connectToBus(QString::fromStdString(bus), "logind");
         ASSERT_TRUE(logind.isConnected());
