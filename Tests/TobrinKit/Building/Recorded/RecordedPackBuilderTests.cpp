@@ -17,6 +17,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <unistd.h>
+
 namespace tobrin {
 namespace {
 
@@ -30,21 +32,28 @@ class RecordedPackBuilderTest : public ::testing::Test {
 protected:
     static fs::path previews() { return fs::path(TOBRIN_TEST_BINARY_DIR) / "recorded-previews"; }
 
+    // ctest runs each case as a process of its own, at the same time as
+    // others: each renders the previews into a folder of its own and the
+    // first to finish puts it in place.
     static void SetUpTestSuite() {
         if (fs::exists(previews() / "done")) return;
-        fs::create_directories(previews());
+        const fs::path own = previews().string() + ".making-" + std::to_string(::getpid());
+        fs::create_directories(own);
         const auto pack = LoadedPack::load(PackInfo::read(fs::path(TOBRIN_BUILT_IN_PACKS_DIR) / "cream", true), 48000);
         test::TypingRecordingOptions typing;
         typing.keys = 60;
         typing.spaceEvery = 8;
-        test::writeOggRecording(test::renderTypingRecording(*pack, 48000, typing), previews() / "101.ogg", 48000);
+        test::writeOggRecording(test::renderTypingRecording(*pack, 48000, typing), own / "101.ogg", 48000);
         typing.seed = 9;
-        test::writeOggRecording(test::renderTypingRecording(*pack, 48000, typing), previews() / "102.ogg", 44100);
+        test::writeOggRecording(test::renderTypingRecording(*pack, 48000, typing), own / "102.ogg", 44100);
         test::TypingRecordingOptions spaces;
         spaces.keys = 30;
         spaces.spaceEvery = 1;
-        test::writeOggRecording(test::renderTypingRecording(*pack, 48000, spaces), previews() / "103.ogg", 48000);
-        test::writeText(previews() / "done", "");
+        test::writeOggRecording(test::renderTypingRecording(*pack, 48000, spaces), own / "103.ogg", 48000);
+        test::writeText(own / "done", "");
+        std::error_code placed;
+        fs::rename(own, previews(), placed);
+        if (placed) fs::remove_all(own); // another process was first
     }
 
     static json source(int id, const fs::path& file) {
