@@ -108,6 +108,13 @@ public:
 
     EngineSettings settings() const { return settings_; }
     void setSettings(const EngineSettings& settings);
+    // Sets the current settings with `change` applied: what a control does.
+    template <typename Change>
+    void changeSettings(Change change) {
+        EngineSettings changed = settings();
+        change(changed);
+        setSettings(changed);
+    }
     QString selectedPackID() const { return selectedPackID_; }
     void setSelectedPackID(const QString& id);
     QList<PackInfo> packs() const { return packs_; }

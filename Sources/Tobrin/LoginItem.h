@@ -7,7 +7,7 @@ namespace tobrin::app {
 
 // Starting Tobrin when the user logs in: an XDG autostart entry,
 // $XDG_CONFIG_HOME/autostart/tobrin.desktop, which every desktop that follows
-// the autostart specification runs at login. Registered means the entry is
+// the XDG autostart convention runs at login. Registered means the entry is
 // there and not hidden or disabled. Stateless: every call looks at the disk.
 class LoginItem {
 public:

@@ -45,9 +45,7 @@ ForceSection::ForceSection(AppModel& model, QWidget* parent) : QWidget(parent), 
         strength_->addItem(word);
     }
     connect(strength_, &QComboBox::activated, this, [this](int index) {
-        EngineSettings settings = model_.settings();
-        settings.fixedTier = allTiers.at(std::size_t(index));
-        model_.setSettings(settings);
+        model_.changeSettings([&](EngineSettings& settings) { settings.fixedTier = allTiers.at(std::size_t(index)); });
     });
     strengthRow_ = row(QStringLiteral("Strength"), strength_);
 
@@ -55,16 +53,13 @@ ForceSection::ForceSection(AppModel& model, QWidget* parent) : QWidget(parent), 
         sensing_ = new QCheckBox(QStringLiteral("Feel how hard you type"));
         sensing_->setAccessibleName(sensing_->text());
         connect(sensing_, &QCheckBox::toggled, this, [this](bool on) {
-            EngineSettings settings = model_.settings();
-            settings.forceSensing = on;
-            model_.setSettings(settings);
+            model_.changeSettings([&](EngineSettings& settings) { settings.forceSensing = on; });
         });
         sensitivity_ = new QSlider(Qt::Horizontal);
         sensitivity_->setRange(sensitivitySteps / 2, sensitivitySteps * 2);
         connect(sensitivity_, &QSlider::valueChanged, this, [this](int value) {
-            EngineSettings settings = model_.settings();
-            settings.sensitivity = float(value) / float(sensitivitySteps);
-            model_.setSettings(settings);
+            model_.changeSettings(
+                [&](EngineSettings& settings) { settings.sensitivity = float(value) / float(sensitivitySteps); });
         });
         sensitivityRow_ = row(QStringLiteral("Sensitivity"), sensitivity_);
         meter_ = new ForceMeter;

@@ -78,11 +78,8 @@ MenuView::MenuView(AppModel& model, QWidget* parent)
     status_->setForegroundRole(QPalette::PlaceholderText);
     status_->setAccessibleName(QStringLiteral("Status"));
     sounds_ = toggle(QStringLiteral("Sounds"));
-    connect(sounds_, &QCheckBox::toggled, this, [this](bool on) {
-        EngineSettings settings = model_.settings();
-        settings.enabled = on;
-        model_.setSettings(settings);
-    });
+    connect(sounds_, &QCheckBox::toggled, this,
+            [this](bool on) { model_.changeSettings([&](EngineSettings& settings) { settings.enabled = on; }); });
     auto* titles = new QVBoxLayout;
     titles->setSpacing(0);
     titles->addWidget(title);
@@ -119,9 +116,7 @@ MenuView::MenuView(AppModel& model, QWidget* parent)
     volume_->setRange(0, volumeSteps);
     volume_->setAccessibleName(QStringLiteral("Volume"));
     connect(volume_, &QSlider::valueChanged, this, [this](int value) {
-        EngineSettings settings = model_.settings();
-        settings.volume = float(value) / float(volumeSteps);
-        model_.setSettings(settings);
+        model_.changeSettings([&](EngineSettings& settings) { settings.volume = float(value) / float(volumeSteps); });
     });
     auto* volumeRow = new QHBoxLayout;
     volumeRow->addWidget(volumeLow_);
@@ -135,22 +130,15 @@ MenuView::MenuView(AppModel& model, QWidget* parent)
 
     // 7. Options.
     releaseSounds_ = toggle(QStringLiteral("Key release sounds"));
-    connect(releaseSounds_, &QCheckBox::toggled, this, [this](bool on) {
-        EngineSettings settings = model_.settings();
-        settings.releaseSounds = on;
-        model_.setSettings(settings);
-    });
+    connect(releaseSounds_, &QCheckBox::toggled, this,
+            [this](bool on) { model_.changeSettings([&](EngineSettings& settings) { settings.releaseSounds = on; }); });
     stereo_ = toggle(QStringLiteral("Stereo by key position"));
     connect(stereo_, &QCheckBox::toggled, this, [this](bool on) {
-        EngineSettings settings = model_.settings();
-        settings.spatial = on ? 0.5f : 0.0f;
-        model_.setSettings(settings);
+        model_.changeSettings([&](EngineSettings& settings) { settings.spatial = on ? 0.5f : 0.0f; });
     });
     quietDuringCalls_ = toggle(QStringLiteral("Quiet during calls"));
     connect(quietDuringCalls_, &QCheckBox::toggled, this, [this](bool on) {
-        EngineSettings settings = model_.settings();
-        settings.quietDuringCalls = on;
-        model_.setSettings(settings);
+        model_.changeSettings([&](EngineSettings& settings) { settings.quietDuringCalls = on; });
     });
     openAtLogin_ = toggle(QStringLiteral("Open at login"));
     // The autostart entry may refuse; the box then shows what really is.
@@ -172,17 +160,14 @@ MenuView::MenuView(AppModel& model, QWidget* parent)
     layout->addWidget(new SectionLabel(QStringLiteral("Shortcut")));
     shortcutEnabled_ = toggle(QStringLiteral("Turn sounds on/off with"));
     connect(shortcutEnabled_, &QCheckBox::toggled, this, [this](bool on) {
-        EngineSettings settings = model_.settings();
-        settings.shortcutEnabled = on;
-        model_.setSettings(settings);
+        model_.changeSettings([&](EngineSettings& settings) { settings.shortcutEnabled = on; });
     });
     shortcut_ = new QComboBox;
     shortcut_->setAccessibleName(QStringLiteral("Shortcut"));
     connect(shortcut_, &QComboBox::activated, this, [this](int index) {
         if (index < 0 || std::size_t(index) >= Hotkey::presets.size()) return;
-        EngineSettings settings = model_.settings();
-        settings.shortcut = Hotkey::presets.at(std::size_t(index));
-        model_.setSettings(settings);
+        model_.changeSettings(
+            [&](EngineSettings& settings) { settings.shortcut = Hotkey::presets.at(std::size_t(index)); });
     });
     auto* shortcutRow = new QHBoxLayout;
     shortcutRow->addWidget(shortcutEnabled_);
