@@ -26,14 +26,6 @@ using test::readFile;
 
 class WAVWriterTest : public ::testing::Test {
 protected:
-    // Little-endian fields of a file's bytes.
-    static std::uint32_t u32(const std::string& b, std::size_t at) {
-        return u16(b, at) | std::uint32_t(u16(b, at + 2)) << 16;
-    }
-    static std::uint16_t u16(const std::string& b, std::size_t at) {
-        return std::uint16_t(std::uint8_t(b[at]) | std::uint8_t(b[at + 1]) << 8);
-    }
-
     test::ScratchFolder folder;
 };
 
@@ -43,33 +35,24 @@ std::vector<float> ramp(std::size_t frames) {
     return out;
 }
 
+// libsndfile writes the canonical 44-byte header for 16-bit PCM too: the
+// header must match it byte for byte, and the file be no longer than it.
 TEST_F(WAVWriterTest, WritesTheCanonicalHeaderForMonoAndStereo) {
     struct Case {
         bool stereo;
-        std::int64_t rate;
+        int rate;
         std::size_t frames;
     };
     for (const Case& c :
          {Case{false, 48000, 1000}, Case{true, 48000, 1000}, Case{true, 44100, 3}, Case{false, 48000, 0}}) {
+        SCOPED_TRACE(::testing::Message() << c.stereo << " " << c.rate << " " << c.frames);
         const std::vector<float> left = ramp(c.frames);
-        const fs::path file = folder / "header.wav";
-        WAVWriter::write(left, c.stereo ? std::optional<std::span<const float>>(left) : std::nullopt, c.rate, file);
-        const auto b = readFile(file);
-        const std::uint32_t channels = c.stereo ? 2 : 1;
-        const std::uint32_t dataSize = std::uint32_t(c.frames) * channels * 2;
-        ASSERT_EQ(b.size(), 44u + dataSize);
-        EXPECT_EQ(b.substr(0, 4), "RIFF");
-        EXPECT_EQ(u32(b, 4), 36 + dataSize);
-        EXPECT_EQ(b.substr(8, 8), "WAVEfmt ");
-        EXPECT_EQ(u32(b, 16), 16u);
-        EXPECT_EQ(u16(b, 20), 1u);
-        EXPECT_EQ(u16(b, 22), channels);
-        EXPECT_EQ(u32(b, 24), std::uint32_t(c.rate));
-        EXPECT_EQ(u32(b, 28), std::uint32_t(c.rate) * channels * 2);
-        EXPECT_EQ(u16(b, 32), channels * 2);
-        EXPECT_EQ(u16(b, 34), 16u);
-        EXPECT_EQ(b.substr(36, 4), "data");
-        EXPECT_EQ(u32(b, 40), dataSize);
+        WAVWriter::write(left, c.stereo ? std::optional<std::span<const float>>(left) : std::nullopt, c.rate,
+                         folder / "header.wav");
+        test::writeSound(folder / "reference.wav", std::vector(c.stereo ? 2u : 1u, left), c.rate);
+        const auto written = readFile(folder / "header.wav"), reference = readFile(folder / "reference.wav");
+        EXPECT_EQ(written.size(), reference.size());
+        EXPECT_EQ(written.substr(0, 44), reference.substr(0, 44));
     }
 }
 
