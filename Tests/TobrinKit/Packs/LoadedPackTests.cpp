@@ -189,6 +189,8 @@ TEST(LoadedPack, OpensFilesAndLinksInsideThePackFolderAndRefusesEveryPathOut) {
     test::writeSound(scratch / "outside.wav", {std::vector<float>(48, 0.5f)}, 48000);
     PackFolder pack(folder);
     // Inside, each with a value of its own; dots in a name are not a step up.
+    // Which links lead out is the confined folder's concern (its own tests
+    // walk every way out); here, the names and one link each way.
     const std::pair<std::string, float> inside[] = {
         {"takes/one.wav", 0.5f}, {"alias.wav", 0.5f},    {"more/one.wav", 0.5f},    {"a..wav", 0.125f},
         {"..b.wav", 0.25f},      {"sub/...wav", 0.375f}, {"sub/c..d/e.wav", 0.625f}};
@@ -196,24 +198,15 @@ TEST(LoadedPack, OpensFilesAndLinksInsideThePackFolderAndRefusesEveryPathOut) {
         if (value != 0.5f) pack.sound(path, value); // 0.5: the take and the links to it
     }
     pack.sound("takes/one.wav", 0.5f);
-    std::filesystem::create_directories(folder / "a");
     std::filesystem::create_symlink("takes/one.wav", folder / "alias.wav");
     std::filesystem::create_symlink("takes", folder / "more");
     std::filesystem::create_symlink(scratch / "outside.wav", folder / "link.wav");
-    std::filesystem::create_symlink(scratch.path(), folder / "up");
-    std::filesystem::create_symlink("../../outside.wav", folder / "a" / "relative.wav");
     for (const auto& [path, value] : inside) {
         pack.down("alpha", "soft", {path});
         EXPECT_EQ(firstSample(pack.load()->layers(KeyGroup::alpha, 0).samples[0]), value) << path;
     }
 
-    const Paths escaping = {"a/../b.wav",
-                            "/tmp/x.wav",
-                            (scratch / "outside.wav").string(),
-                            "link.wav",
-                            "up/outside.wav",
-                            "a/relative.wav",
-                            "up/nothing-here.wav",
+    const Paths escaping = {"a/../b.wav", "/tmp/x.wav", (scratch / "outside.wav").string(), "link.wav",
                             "./../outside.wav"};
     for (const std::string& path : escaping) {
         pack.down("alpha", "soft", {"takes/one.wav", path});
@@ -245,10 +238,6 @@ TEST(LoadedPack, CountsTheMemoryBudgetAtTheOutputRateAndRefusesOneFrameOver) {
     over.sound("rest.wav", 0.5f, 101, 1);
     over.down("alpha", "soft", {"big.wav", "rest.wav"});
     EXPECT_EQ(over.loadError(), "Invalid Big: pack is too large");
-    // The same file named twice counts once, so it cannot push a pack over.
-    over.sound("rest.wav", 0.5f, 100, 1);
-    over.down("space", "soft", {"rest.wav", "big.wav"});
-    EXPECT_EQ(over.loadError(), "(no error)");
 
     // Frames count at the output rate: a 96 kHz take of 13 M frames is 6.5 M
     // (52 MB counted) once converted, and loads.
