@@ -3,12 +3,13 @@
 // (PipeWire: the whole process callback, buffer handling included; PulseAudio:
 // rendering and interleaving each block) runs as a real-time section of
 // Support/RealtimeHooks, with 32 voices sounding, voices taken over and
-// release-all commands.
+// release-all commands. A render that stalls once must count as an underrun.
 #include "TobrinKit/Engine/Audio/AudioOutput.h"
 #include "TobrinKit/Engine/Audio/PipeWire/PipeWireAudioBackend.h"
 #include "TobrinKit/Engine/Audio/Pulse/PulseAudioBackend.h"
 
 #include "Support/Eventually.h"
+#include "Support/Mixer.h"
 #include "Support/RealtimeHooks.h"
 #include "Support/SoundServers.h"
 
@@ -33,13 +34,13 @@ struct Route {
 };
 
 // What the server's thread runs: the output's own render function on a mixer
-// of the test's, each callback marked as a real-time section.
+// of the test's, each callback marked as a real-time section. It can be made
+// to allocate once, or to stall once as a descheduled thread would.
 struct Renderer {
-    TBMixer* mixer = tb_mixer_create(48000, 4);
-    std::atomic<bool> allocateOnce{false};
-    std::atomic<std::uint64_t> callbacks{0};
-
-    ~Renderer() { tb_mixer_destroy(mixer); }
+    MixerPtr owned = makeMixer();
+    TBMixer* mixer = owned.get();
+    std::atomic<bool> allocateOnce{false}, stallOnce{false};
+    std::atomic<std::uint64_t> callbacks{0}, underruns{0};
 
     AudioBackend::Callbacks hooks() {
         AudioBackend::Callbacks hooks;
@@ -50,6 +51,7 @@ struct Renderer {
                 int* volatile kept = new int(1);
                 delete kept;
             }
+            if (self->stallOnce.exchange(false)) std::this_thread::sleep_for(60ms);
             AudioOutput::render(self->mixer, channels, count, frames);
         };
         hooks.section = [](void* context, bool entering) {
@@ -60,27 +62,21 @@ struct Renderer {
                 static_cast<Renderer*>(context)->callbacks += 1;
             }
         };
+        hooks.underrun = [](void* context) { static_cast<Renderer*>(context)->underruns += 1; };
         return hooks;
     }
 };
 
+// A voice of four layers of `takes`, panned and pitched by its tag.
 TBCommand start(std::uint32_t tag, const std::vector<std::vector<float>>& takes) {
-    TBCommand command{};
-    command.type = TB_COMMAND_START;
-    command.tag = tag;
-    for (int layer = 0; layer < 4; ++layer) {
-        const auto& take = takes[(tag + std::uint32_t(layer)) % takes.size()];
-        command.layers[layer] = TBSample{take.data(), take.data(), std::uint32_t(take.size())};
-        command.weights[layer] = 0.02f;
-    }
-    command.pan = float(tag % 5) * 0.4f - 0.8f;
-    command.rate = 0.9f + 0.01f * float(tag % 20);
-    return command;
+    const auto take = [&](std::uint32_t layer) { return sampleOf(takes[(tag + layer) % takes.size()]); };
+    return startCommand(tag, {take(0), take(1), take(2), take(3)}, {0.02f, 0.02f, 0.02f, 0.02f},
+                        float(tag % 5) * 0.4f - 0.8f, 0.9f + 0.01f * float(tag % 20));
 }
 
 class AudioRealtime : public testing::TestWithParam<Route> {};
 
-TEST_P(AudioRealtime, CallbacksNeverAllocateFreeOrLockWithThirtyTwoVoicesStealingAndReleases) {
+TEST_P(AudioRealtime, CallbacksNeverAllocateFreeOrLockWithThirtyTwoVoicesStealingAndReleasesAndAStallIsAnUnderrun) {
     PrivateSoundServer server(GetParam().server);
     Renderer renderer;
     auto backend = GetParam().factory().create({48000, 2, 256}, renderer.hooks());
@@ -107,26 +103,30 @@ TEST_P(AudioRealtime, CallbacksNeverAllocateFreeOrLockWithThirtyTwoVoicesStealin
             const TBCommand command = start(++tag, takes);
             tb_mixer_push(renderer.mixer, &command);
         }
-        if (tag % 160 == 0) {
-            TBCommand release{};
-            release.type = TB_COMMAND_RELEASE_ALL;
-            tb_mixer_push(renderer.mixer, &release);
-        }
+        const TBCommand release = releaseAllCommand();
+        if (tag % 160 == 0) tb_mixer_push(renderer.mixer, &release);
         std::this_thread::sleep_for(20ms);
         mostVoices = std::max(mostVoices, tb_mixer_active_voices(renderer.mixer));
     }
-    backend->pause();
-
     EXPECT_EQ(forbiddenCalls(), 0);
     EXPECT_EQ(mostVoices, 32u);
     EXPECT_GT(tb_mixer_started_voices(renderer.mixer), 600u);
     // About 190 blocks a second at a 256-frame quantum.
     EXPECT_GT(renderer.callbacks - callbacksBefore, 400u);
+
+    // A stalled render is counted as an underrun, and playback goes on.
+    const auto underruns = renderer.underruns.load();
+    renderer.stallOnce = true;
+    ASSERT_TRUE(eventually([&] { return renderer.underruns > underruns; }));
+    const auto callbacks = renderer.callbacks.load();
+    EXPECT_TRUE(eventually([&] { return renderer.callbacks > callbacks + 20; }));
+    backend->pause();
 }
 
 const Route routes[] = {
     {"PipeWire", SoundServerKind::PipeWire, &PipeWireAudioBackend::factory},
     {"PulseAudio", SoundServerKind::PulseAudio, &PulseAudioBackend::factory},
+    {"PulseOnPipeWire", SoundServerKind::PipeWire, &PulseAudioBackend::factory},
 };
 
 INSTANTIATE_TEST_SUITE_P(Servers, AudioRealtime, testing::ValuesIn(routes),
