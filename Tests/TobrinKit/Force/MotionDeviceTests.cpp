@@ -139,13 +139,14 @@ TEST(IioScanLayout, PacksChannelsAsTheKernelDoes) {
     EXPECT_THROW(IioScanLayout({{"a", 1, type("le:s8/8>>0")}, {"b", 1, type("le:s8/8>>0")}}), IioError);
 }
 
-// A sysfs-shaped tree: /sys/class/hidraw, /sys/bus/iio/devices and /dev.
+// A sysfs-shaped tree in a scratch folder: /sys/class/hidraw,
+// /sys/bus/iio/devices and /dev.
 class DeviceTree {
 public:
-    explicit DeviceTree(fs::path root) : root_(std::move(root)) { fs::create_directories(root_ / "dev"); }
+    DeviceTree() { fs::create_directories(root() / "dev"); }
 
     void hidraw(int number, const Bytes& descriptor) {
-        const fs::path device = root_ / "sys/class/hidraw" / ("hidraw" + std::to_string(number)) / "device";
+        const fs::path device = root() / "sys/class/hidraw" / ("hidraw" + std::to_string(number)) / "device";
         fs::create_directories(device);
         std::ofstream(device / "report_descriptor", std::ios::binary)
             .write(reinterpret_cast<const char*>(descriptor.data()), std::streamsize(descriptor.size()));
@@ -163,7 +164,7 @@ public:
         write(folder / "in_accel_x_offset", "-100");
         write(folder / "current_timestamp_clock", "realtime");
         write(folder / "buffer/enable", "0");
-        ::mkfifo((root_ / "dev" / folder.filename()).c_str(), 0600);
+        ::mkfifo((root() / "dev" / folder.filename()).c_str(), 0600);
         return folder;
     }
 
@@ -183,11 +184,11 @@ public:
         return text;
     }
 
-    const fs::path& root() const { return root_; }
+    const fs::path& root() const { return scratch_.path(); }
 
 private:
     fs::path iio(int number) {
-        const fs::path folder = root_ / "sys/bus/iio/devices" / ("iio:device" + std::to_string(number));
+        const fs::path folder = root() / "sys/bus/iio/devices" / ("iio:device" + std::to_string(number));
         fs::create_directories(folder / "scan_elements");
         return folder;
     }
@@ -198,12 +199,11 @@ private:
         write(folder / "scan_elements" / ("in_" + name + "_en"), enabled);
     }
 
-    fs::path root_;
+    test::ScratchFolder scratch_;
 };
 
 TEST(MotionDevices, FindsHidrawFirstThenIioAndPassesOverMalformedDevices) {
-    test::ScratchFolder scratch;
-    DeviceTree tree(scratch.path());
+    DeviceTree tree;
     EXPECT_FALSE(MotionDevices::find(tree.root())) << "an empty tree has no sensor";
 
     tree.lightSensor(0);
@@ -232,8 +232,7 @@ TEST(MotionDevices, FindsHidrawFirstThenIioAndPassesOverMalformedDevices) {
 }
 
 TEST(MotionDevices, AMissingScaleOrAnUnreadableIndexIsRefused) {
-    test::ScratchFolder scratch;
-    DeviceTree tree(scratch.path());
+    DeviceTree tree;
     const fs::path noScale = tree.accelerometer(0);
     fs::remove(noScale / "in_accel_scale");
     EXPECT_THROW(IioAccelerometer::read(noScale, tree.root() / "dev"), IioError);
@@ -259,8 +258,7 @@ Bytes scan(std::int16_t x, std::int16_t y, std::int16_t z, std::int64_t stamp) {
 }
 
 TEST(IioMotionSource, SwitchesTheBufferAndDeliversScansAsReports) {
-    test::ScratchFolder scratch;
-    DeviceTree tree(scratch.path());
+    DeviceTree tree;
     const fs::path folder = tree.accelerometer(0);
     ForceSensor sensor(MotionDevices::find(tree.root()));
     ASSERT_TRUE(sensor.start());
@@ -296,8 +294,7 @@ TEST(IioMotionSource, SwitchesTheBufferAndDeliversScansAsReports) {
 }
 
 TEST(IioMotionSource, ANodeThatCannotOpenLeavesTheBufferOff) {
-    test::ScratchFolder scratch;
-    DeviceTree tree(scratch.path());
+    DeviceTree tree;
     const fs::path folder = tree.accelerometer(0);
     fs::remove(tree.root() / "dev/iio:device0");
     auto source = MotionDevices::find(tree.root());
@@ -355,8 +352,7 @@ TEST(MotionRecorder, AReplayOfTheRecordingGivesTheSameWindows) {
 }
 
 TEST(MotionSources, TheReplayInTheEnvironmentIsFoundAfterRegisteredDevices) {
-    test::ScratchFolder scratch;
-    DeviceTree tree(scratch / "machine");
+    DeviceTree tree;
     MotionDevices::add(tree.root());
     test::Environment environment;
     for (const std::optional<std::string>& unset : {std::optional<std::string>(), std::optional<std::string>("")}) {
@@ -364,7 +360,7 @@ TEST(MotionSources, TheReplayInTheEnvironmentIsFoundAfterRegisteredDevices) {
         EXPECT_FALSE(findMotionSource());
         EXPECT_FALSE(ForceSensor::isAvailable());
     }
-    const fs::path replay = scratch / "replay.txt";
+    const fs::path replay = tree.root() / "replay.txt";
     environment.set("TOBRIN_SENSOR_REPLAY", replay.string());
     const auto found = findMotionSource();
     const auto* recorded = dynamic_cast<RecordedMotionSource*>(found.get());
@@ -373,7 +369,7 @@ TEST(MotionSources, TheReplayInTheEnvironmentIsFoundAfterRegisteredDevices) {
     EXPECT_TRUE(ForceSensor::isAvailable());
     tree.hidraw(0, accelerometerDescriptor);
     EXPECT_TRUE(dynamic_cast<HidrawMotionSource*>(findMotionSource().get()));
-    MotionDevices::add(scratch / "nothing");
+    MotionDevices::add(tree.root() / "nothing");
 }
 
 } // namespace
