@@ -40,17 +40,6 @@ public:
     std::function<void(bool)> report;
 };
 
-// Keyboards this process may not read.
-class Unreadable final : public KeySource {
-public:
-    bool open(std::string& error) override {
-        error = "no keyboard can be read";
-        return false;
-    }
-    void run(KeyStream&) override {}
-    void interrupt() override {}
-};
-
 class AppModelTest : public ::testing::Test {
 protected:
     AppModelTest() { test::ensureQtApplication(); }
@@ -63,9 +52,9 @@ protected:
         parts.audio = audio;
         parts.sensor = sensor;
         KeySourceFactory pipes = keyboards.factory();
-        pipes.create = [this]() -> std::unique_ptr<KeySource> {
-            if (access != KeyboardAccess::granted || !keyboardsOpen) return std::make_unique<Unreadable>();
-            return std::make_unique<EvdevKeySource>(keyboards.watch());
+        pipes.create = [this] {
+            const bool readable = access == KeyboardAccess::granted && keyboardsOpen;
+            return std::make_unique<EvdevKeySource>(keyboards.watch(readable ? "" : "no keyboard can be read"));
         };
         pipes.access = [this] { return access; };
         parts.keySources = {pipes};

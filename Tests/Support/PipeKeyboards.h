@@ -65,8 +65,11 @@ public:
         record(keyboard, EV_SYN, SYN_REPORT, 0);
     }
 
-    // The watch the source owns; this object must outlive it.
-    std::unique_ptr<KeyboardWatch> watch() { return std::make_unique<Watch>(*this); }
+    // The watch the source owns; this object must outlive it. With a
+    // `refusal`, it cannot open the keyboards and says that instead.
+    std::unique_ptr<KeyboardWatch> watch(std::string refusal = {}) {
+        return std::make_unique<Watch>(*this, std::move(refusal));
+    }
     // An evdev key source on these keyboards, for a key monitor.
     KeySourceFactory factory() {
         KeySourceFactory pipes;
@@ -78,10 +81,11 @@ public:
 private:
     class Watch final : public KeyboardWatch {
     public:
-        explicit Watch(PipeKeyboards& owner) : owner_(owner) {}
-        bool open(std::vector<int>& keyboards, std::string&) override {
-            arrived(keyboards);
-            return true;
+        Watch(PipeKeyboards& owner, std::string refusal) : owner_(owner), refusal_(std::move(refusal)) {}
+        bool open(std::vector<int>& keyboards, std::string& error) override {
+            error = refusal_;
+            if (refusal_.empty()) arrived(keyboards);
+            return refusal_.empty();
         }
         int fd() const override { return owner_.announce_; }
         void arrived(std::vector<int>& keyboards) override {
@@ -95,6 +99,7 @@ private:
 
     private:
         PipeKeyboards& owner_;
+        std::string refusal_;
     };
 
     std::mutex lock_;

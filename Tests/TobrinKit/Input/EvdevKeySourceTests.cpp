@@ -104,20 +104,9 @@ TEST_F(EvdevKeySourceTest, StartsOnceStopsAndStartsAgain) {
 }
 
 TEST(KeyMonitor, ReportsWhyNoSourceOpened) {
-    KeySourceFactory refusing;
-    refusing.name = "evdev";
-    refusing.create = [] {
-        struct Refusing final : KeyboardWatch {
-            bool open(std::vector<int>&, std::string& error) override {
-                error = "cannot read the keyboards";
-                return false;
-            }
-            int fd() const override { return -1; }
-            void arrived(std::vector<int>&) override {}
-            void close() override {}
-        };
-        return std::make_unique<EvdevKeySource>(std::make_unique<Refusing>());
-    };
+    test::PipeKeyboards keyboards;
+    KeySourceFactory refusing = keyboards.factory();
+    refusing.create = [&] { return std::make_unique<EvdevKeySource>(keyboards.watch("cannot read the keyboards")); };
     refusing.access = [] { return KeyboardAccess::needsRelaunch; };
     KeyMonitor monitor([](const KeyEvent&) {}, {refusing}, "");
     EXPECT_FALSE(monitor.start());
