@@ -32,7 +32,7 @@ inline std::vector<float> keyStroke(double silenceMs, double lengthMs, double fr
 }
 
 struct ZipEntry {
-    enum class Type { file, symlink, hardlink, folder };
+    enum class Type { file, symlink, folder };
     std::string name;
     std::string data; // the content, or the link's target
     Type type = Type::file;
@@ -54,10 +54,6 @@ inline void writeZip(const std::filesystem::path& path, const std::vector<ZipEnt
         case ZipEntry::Type::symlink:
             archive_entry_set_filetype(entry, AE_IFLNK);
             archive_entry_set_symlink(entry, item.data.c_str());
-            break;
-        case ZipEntry::Type::hardlink:
-            archive_entry_set_filetype(entry, AE_IFREG);
-            archive_entry_set_hardlink(entry, item.data.c_str());
             break;
         case ZipEntry::Type::folder: archive_entry_set_filetype(entry, AE_IFDIR); break;
         }

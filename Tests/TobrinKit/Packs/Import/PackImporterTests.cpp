@@ -22,7 +22,6 @@ namespace tobrin {
 namespace {
 
 using test::keyStroke;
-using test::mp3;
 using test::ogg;
 using test::ScratchFolder;
 using test::writeMultiPack;
