@@ -162,7 +162,6 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
     manifest.kind = "synthesized";
     manifest.license = "CC0 1.0";
     manifest.groups["alpha"].down["medium"] = {"alpha/medium-1.wav", "alpha/medium-2.wav"};
-    manifest.groups["alpha"].up = std::vector<std::string>{"alpha/up-1.wav"};
 
     const std::string text = manifest.encode();
     const std::string expected = R"({
@@ -174,10 +173,7 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
           "alpha/medium-1.wav",
           "alpha/medium-2.wav"
         ]
-      },
-      "up": [
-        "alpha/up-1.wav"
-      ]
+      }
     }
   },
   "id": "synth-red",
