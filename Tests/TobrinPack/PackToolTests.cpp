@@ -3,6 +3,7 @@
 #include "TobrinKit/Packs/PackLibrary.h"
 
 #include "Support/ChildProcess.h"
+#include "Support/PackFolder.h"
 #include "Support/PackTool.h"
 #include "Support/PeakMemory.h"
 #include "Support/SoundFiles.h"
@@ -115,8 +116,7 @@ TEST_F(PackTool, GenerateWritesTheFiveStarterPacksIntoTheUsersPacksFolder) {
 
 TEST_F(PackTool, GenerateLeavesWhatItDidNotWriteAloneUnlessToldToReplaceIt) {
     // The user's own folder of a starter pack's name, and a plain file of another's.
-    fs::create_directories(folder / "cream");
-    std::ofstream(folder / "cream" / "my-recording.wav") << "mine";
+    test::writeText(folder / "cream" / "my-recording.wav", "mine");
     std::ofstream(folder / "panda") << "notes";
 
     const auto refused = packTool("generate " + quoted(folder.path()));
@@ -150,14 +150,11 @@ TEST_F(PackTool, GenerateWithoutAHomeFolderSaysWhatIsMissing) {
 
 TEST_F(PackTool, PrintsAPacksNameWithControlCharactersEscaped) {
     // A pack whose name would retitle and clear the terminal.
-    const fs::path evil = folder / "evil";
-    fs::create_directories(evil);
-    fs::copy_file(fs::path(TOBRIN_BUILT_IN_PACKS_DIR) / "cream" / "alpha-medium-1.wav", evil / "a.wav");
-    std::ofstream(evil / "pack.json") << "{\"formatVersion\": 1, \"id\": \"evil\", \"kind\": \"k\", "
-                                         "\"name\": \"Evil\\u001b]0;owned\\u0007\\u001b[2J\", "
-                                         "\"groups\": {\"alpha\": {\"down\": {\"medium\": [\"a.wav\"]}}}}";
+    test::PackFolder evil(folder / "evil", "evil", "Evil\x1b]0;owned\x07\x1b[2J");
+    evil.sound("a.wav", 0.5f);
+    evil.down("alpha", "medium", {"a.wav"});
 
-    const auto rendered = packTool("render " + quoted(evil) + " " + quoted(folder / "out.wav"));
+    const auto rendered = packTool("render " + quoted(evil.info().directory) + " " + quoted(folder / "out.wav"));
     EXPECT_EQ(rendered.exitStatus, 0) << rendered.output;
     EXPECT_NE(rendered.output.find("(Evil\\x1B]0;owned\\x07\\x1B[2J, "), std::string::npos) << rendered.output;
     EXPECT_EQ(rendered.output.find_first_of("\x1b\x07"), std::string::npos) << rendered.output;

@@ -62,8 +62,7 @@ TEST_F(RenderVerb, ABrokenPackPrintsWhatIsWrongAndExitsWithOne) {
     const fs::path noManifest = folder / "empty";
     fs::create_directories(noManifest);
     const fs::path badManifest = folder / "bad";
-    fs::create_directories(badManifest);
-    std::ofstream(badManifest / "pack.json") << "{ not json";
+    test::writeText(badManifest / "pack.json", "{ not json");
     test::PackFolder missingAudio(folder / "missing-audio");
     missingAudio.down("alpha", "medium", {"alpha-medium-1.wav"});
 
