@@ -255,7 +255,6 @@ TEST(LoadedPack, ReportsManifestAndDecoderFailuresAsTheyAre) {
             LoadedPack::load(PackInfo{"id", "n", "k", std::nullopt, folder, false}, 48000);
         });
     };
-    EXPECT_EQ(failureIn(scratch / "Gone"), "No pack.json in " + (scratch / "Gone").string());
     test::writeText(scratch / "Broken" / "pack.json", R"({"formatVersion": 1, "id": "x"})");
     EXPECT_EQ(failureIn(scratch / "Broken"), "Invalid pack.json: key \"name\" is missing");
     EXPECT_THROW(LoadedPack::readManifest(scratch / "Broken"), PackManifest::DecodeError);
