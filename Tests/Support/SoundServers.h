@@ -8,6 +8,7 @@
 // A suite using it defines TOBRIN_SOUND_SERVERS_SCRIPT (the script's path).
 
 #include "Support/Environment.h"
+#include "Support/IndependentReaders.h"
 #include "Support/RunningProgram.h"
 #include "Support/TemporaryFolder.h"
 
@@ -23,7 +24,6 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
@@ -40,20 +40,6 @@ enum class SoundServerKind { PipeWire, PulseAudio };
 
 inline const char* serverName(SoundServerKind kind) {
     return kind == SoundServerKind::PipeWire ? "pipewire" : "pulseaudio";
-}
-
-// Runs a command through the shell; its standard output, or nothing when it
-// failed.
-inline std::optional<std::string> commandOutput(const std::string& command) {
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return std::nullopt;
-    std::string output;
-    std::array<char, 1024> chunk{};
-    std::size_t got = 0;
-    while ((got = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0) output.append(chunk.data(), got);
-    const int status = ::pclose(pipe);
-    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
-    return output;
 }
 
 class PrivateSoundServer {
@@ -102,7 +88,7 @@ public:
     void stop() { script("stop '" + folder_.string() + "'"); }
 
     bool setDefaultSink(const std::string& sink) {
-        return commandOutput("pactl set-default-sink '" + sink + "' 2>&1").has_value();
+        return runCommand("pactl set-default-sink '" + sink + "'").succeeded;
     }
 
     const std::filesystem::path& folder() const { return folder_; }
@@ -135,8 +121,11 @@ private:
         guardian_ = -1;
     }
 
+    // The script's standard output, or nothing when it failed.
     static std::optional<std::string> script(const std::string& arguments) {
-        return commandOutput(std::string("'") + TOBRIN_SOUND_SERVERS_SCRIPT + "' " + arguments);
+        const auto run =
+            runCommand(std::string("{ '") + TOBRIN_SOUND_SERVERS_SCRIPT + "' " + arguments + " 2>/dev/null; }");
+        return run.succeeded ? std::optional(run.output) : std::nullopt;
     }
 
     SoundServerKind kind_;

@@ -99,11 +99,11 @@ protected:
 TEST_P(MicMonitorTest, StartedTwiceItWatchesOnceARecordingIsInUseAtOnceAndFreeOnlyAfterTheReleaseDelay) {
     monitor_.start();
     startWatching();
-    const auto clients = test::commandOutput("pactl list clients");
-    ASSERT_TRUE(clients);
+    const auto clients = test::runCommand("pactl list clients");
+    ASSERT_TRUE(clients.succeeded) << clients.output;
     std::size_t watches = 0;
-    for (std::size_t at = clients->find(PulseMicWatch::clientId); at != std::string::npos;
-         at = clients->find(PulseMicWatch::clientId, at + 1))
+    for (std::size_t at = clients.output.find(PulseMicWatch::clientId); at != std::string::npos;
+         at = clients.output.find(PulseMicWatch::clientId, at + 1))
         ++watches;
     EXPECT_EQ(watches, 1u);
     auto recorder = recordDefaultInput();

@@ -74,7 +74,7 @@ TBCommand start(std::uint32_t tag, const std::vector<std::vector<float>>& takes)
                         float(tag % 5) * 0.4f - 0.8f, 0.9f + 0.01f * float(tag % 20));
 }
 
-class AudioRealtime : public testing::TestWithParam<Route> {};
+class AudioRealtime : public ::testing::TestWithParam<Route> {};
 
 TEST_P(AudioRealtime, CallbacksNeverAllocateFreeOrLockWithThirtyTwoVoicesStealingAndReleasesAndAStallIsAnUnderrun) {
     PrivateSoundServer server(GetParam().server);
@@ -129,8 +129,8 @@ const Route routes[] = {
     {"PulseOnPipeWire", SoundServerKind::PipeWire, &PulseAudioBackend::factory},
 };
 
-INSTANTIATE_TEST_SUITE_P(Servers, AudioRealtime, testing::ValuesIn(routes),
-                         [](const testing::TestParamInfo<Route>& route) { return route.param.name; });
+INSTANTIATE_TEST_SUITE_P(Servers, AudioRealtime, ::testing::ValuesIn(routes),
+                         [](const ::testing::TestParamInfo<Route>& route) { return route.param.name; });
 
 } // namespace
 } // namespace tobrin::test

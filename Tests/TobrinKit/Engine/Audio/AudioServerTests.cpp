@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -57,14 +56,14 @@ struct ServerCase {
     const char* startLog; // why the better backends were passed over
 };
 
-class AudioServer : public testing::TestWithParam<ServerCase> {
+class AudioServer : public ::testing::TestWithParam<ServerCase> {
 protected:
     static void SetUpTestSuite() { registerSoundServerBackends(); }
 
     std::unique_ptr<Player> startPlayer() {
-        testing::internal::CaptureStderr();
+        ::testing::internal::CaptureStderr();
         auto player = std::make_unique<Player>(GetParam().forced);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), GetParam().startLog);
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(), GetParam().startLog);
         EXPECT_EQ(player->audio->backendName(), GetParam().backend);
         return player;
     }
@@ -108,8 +107,8 @@ TEST_P(AudioServer, AKeyIsHeardAtTheSinkAfterAPauseAndAtANewDefaultSink) {
     EXPECT_EQ(player.audio->backendName(), GetParam().backend);
 }
 
-INSTANTIATE_TEST_SUITE_P(Routes, AudioServer, testing::ValuesIn(everyRoute),
-                         [](const testing::TestParamInfo<ServerCase>& route) { return route.param.name; });
+INSTANTIATE_TEST_SUITE_P(Routes, AudioServer, ::testing::ValuesIn(everyRoute),
+                         [](const ::testing::TestParamInfo<ServerCase>& route) { return route.param.name; });
 
 class AudioServerRestart : public AudioServer {};
 
@@ -124,12 +123,12 @@ TEST_P(AudioServerRestart, SoundComesBackWithinASecondOfTheServerAndTheVoicesSur
     }
     const auto startedBefore = player.audio->startedVoices();
 
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     server.crash();
     // The output notices and falls back to the null device without crashing;
     // keys still start voices there.
     const bool fellBack = eventually([&] { return player.audio->backendName() == "null"; }, soundTimeout);
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = ::testing::internal::GetCapturedStderr();
     ASSERT_TRUE(fellBack);
     EXPECT_NE(log.find("Tobrin: no sound server could be used; sounds go to the null device\n"), std::string::npos)
         << log;
@@ -149,8 +148,8 @@ TEST_P(AudioServerRestart, SoundComesBackWithinASecondOfTheServerAndTheVoicesSur
 
 const ServerCase restartRoutes[] = {everyRoute[0], everyRoute[1]};
 
-INSTANTIATE_TEST_SUITE_P(Routes, AudioServerRestart, testing::ValuesIn(restartRoutes),
-                         [](const testing::TestParamInfo<ServerCase>& route) { return route.param.name; });
+INSTANTIATE_TEST_SUITE_P(Routes, AudioServerRestart, ::testing::ValuesIn(restartRoutes),
+                         [](const ::testing::TestParamInfo<ServerCase>& route) { return route.param.name; });
 
 TEST(AudioOutputWithoutServer, FallsBackToTheNullDeviceAndSaysWhy) {
     registerSoundServerBackends();
@@ -161,9 +160,9 @@ TEST(AudioOutputWithoutServer, FallsBackToTheNullDeviceAndSaysWhy) {
     environment.set("PULSE_SERVER", std::nullopt);
 
     AudioOutput output;
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     EXPECT_TRUE(output.start());
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(output.backendName(), "null");
     EXPECT_EQ(log, "Tobrin: audio engine failed to start: pipewire: no server is running\n"
                    "Tobrin: audio engine failed to start: pulse: no server is running\n"
