@@ -21,19 +21,25 @@ using test::eventually;
 
 using namespace std::chrono_literals;
 
-// The real null device, wrapped so a test can see how often the output
-// connected and reach the callbacks a backend was given.
-struct BackendProbe {
+// A sound server stood in for by the null device under another name:
+// reachable and connectable while the test says it is up. It counts the
+// connections made and keeps the callbacks it was last given.
+struct FakeServer {
+    explicit FakeServer(bool running = true) : up(running) {}
+    std::atomic<bool> up;
     std::atomic<int> created{0};
     AudioBackend::Callbacks callbacks{};
 };
 
-AudioBackendFactory countedNullDevice(const std::shared_ptr<BackendProbe>& probe) {
+AudioBackendFactory fakeServer(std::string name, std::shared_ptr<FakeServer> server) {
     AudioBackendFactory factory = NullAudioBackend::factory();
-    factory.create = [probe, create = factory.create](const AudioBackend::Format& format,
-                                                      const AudioBackend::Callbacks& callbacks) {
-        probe->callbacks = callbacks;
-        probe->created += 1;
+    factory.name = std::move(name);
+    factory.isReachable = [server] { return server->up.load(); };
+    factory.create = [server, create = factory.create](const AudioBackend::Format& format,
+                                                       const AudioBackend::Callbacks& callbacks) {
+        if (!server->up) return decltype(create(format, callbacks))();
+        server->callbacks = callbacks;
+        server->created += 1;
         return create(format, callbacks);
     };
     return factory;
@@ -61,8 +67,8 @@ TEST(AudioOutput, NullDeviceRendersBlocksAtRealTimePace) {
 // server reports the change from a thread of its own; a paused one keeps its
 // connection and connects to the new device when it starts again.
 TEST(AudioOutput, StartTwiceAndPauseKeepTheConnectionAndOnlyARunningOutputReconnects) {
-    auto probe = std::make_shared<BackendProbe>();
-    AudioOutput output({countedNullDevice(probe)}, "");
+    auto probe = std::make_shared<FakeServer>();
+    AudioOutput output({fakeServer("pipewire", probe)}, "");
     EXPECT_FALSE(output.isRunning());
     ASSERT_TRUE(output.start());
     ASSERT_TRUE(output.start());
@@ -112,19 +118,6 @@ TEST(AudioOutput, ForcedBackendThatDoesNotExistFailsWithAMessageAndRetriesLater)
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
-// A sound server stood in for by the null device under another name: reachable,
-// and connectable, while the test says it is up.
-AudioBackendFactory fakeServer(std::string name, std::shared_ptr<std::atomic<bool>> up) {
-    AudioBackendFactory factory = NullAudioBackend::factory();
-    factory.name = std::move(name);
-    factory.isReachable = [up] { return up->load(); };
-    factory.create = [up, create = factory.create](const AudioBackend::Format& format,
-                                                   const AudioBackend::Callbacks& callbacks) {
-        return up->load() ? create(format, callbacks) : nullptr;
-    };
-    return factory;
-}
-
 TEST(AudioOutput, ChoosesTheFirstReachableBackendOrTheForcedOneAndSaysWhyOthersWereSkipped) {
     const std::string skippedPipeWire = "Tobrin: audio engine failed to start: pipewire: no server is running\n";
     struct Case {
@@ -144,8 +137,8 @@ TEST(AudioOutput, ChoosesTheFirstReachableBackendOrTheForcedOneAndSaysWhyOthersW
         {"null", true, true, "null", ""},
     };
     for (const auto& c : cases) {
-        const auto pipewire = std::make_shared<std::atomic<bool>>(c.pipewireUp);
-        const auto pulse = std::make_shared<std::atomic<bool>>(c.pulseUp);
+        const auto pipewire = std::make_shared<FakeServer>(c.pipewireUp);
+        const auto pulse = std::make_shared<FakeServer>(c.pulseUp);
         AudioOutput output({fakeServer("pipewire", pipewire), fakeServer("pulse", pulse), NullAudioBackend::factory()},
                            c.forced);
         testing::internal::CaptureStderr();
@@ -157,33 +150,33 @@ TEST(AudioOutput, ChoosesTheFirstReachableBackendOrTheForcedOneAndSaysWhyOthersW
 }
 
 TEST(AudioOutput, AServerThatAppearsIsPickedUpOnTheNextStartAndALostOneWhenItReturns) {
-    const auto up = std::make_shared<std::atomic<bool>>(false);
-    AudioOutput output({fakeServer("pipewire", up), NullAudioBackend::factory()}, "");
+    const auto server = std::make_shared<FakeServer>(false);
+    AudioOutput output({fakeServer("pipewire", server), NullAudioBackend::factory()}, "");
     testing::internal::CaptureStderr();
     ASSERT_TRUE(output.start());
     EXPECT_EQ(output.backendName(), "null");
 
-    *up = true; // the server starts while the output runs on the null device
+    server->up = true; // the server starts while the output runs on the null device
     output.pause();
     ASSERT_TRUE(output.start());
     EXPECT_EQ(output.backendName(), "pipewire");
 
-    *up = false; // lost: the output falls back and keeps rendering
+    server->up = false; // lost: the output falls back and keeps rendering
     output.handleConfigurationChange();
     EXPECT_EQ(output.backendName(), "null");
     EXPECT_TRUE(output.isRunning());
     const auto frames = output.renderedFrames();
     EXPECT_TRUE(eventually([&] { return output.renderedFrames() > frames; }));
 
-    *up = true; // back: found again by the retries, without a start
+    server->up = true; // back: found again by the retries, without a start
     EXPECT_TRUE(eventually([&] { return output.backendName() == "pipewire"; }));
     EXPECT_TRUE(output.isRunning());
 
     // A paused output does not retry.
-    *up = false;
+    server->up = false;
     output.handleConfigurationChange();
     output.pause();
-    *up = true;
+    server->up = true;
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(output.backendName(), "null");
     EXPECT_FALSE(output.isRunning());
