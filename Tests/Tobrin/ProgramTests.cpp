@@ -32,24 +32,21 @@ class Session {
 public:
     Session() : server(test::SoundServerKind::PipeWire), capture(test::PrivateSoundServer::defaultSink) {}
 
-    std::map<std::string, std::string> environment() const {
-        return {{"DISPLAY", x.display()},
-                {"XDG_CONFIG_HOME", (folder / "config").string()},
-                {"XDG_DATA_HOME", (folder / "data").string()},
-                {"XDG_CACHE_HOME", (folder / "cache").string()},
-                {"XDG_SESSION_TYPE", "x11"},
-                {"WAYLAND_DISPLAY", ""},
-                {"TOBRIN_PACKS", TOBRIN_BUILT_IN_PACKS_DIR},
-                {"TOBRIN_AUDIO", ""},
-                {"TOBRIN_KEYS", ""}};
-    }
     std::unique_ptr<test::RunningProgram> run(const std::vector<std::string>& arguments, const std::string& log,
                                               std::map<std::string, std::string> extra = {}) {
         std::vector<std::string> words{TOBRIN_APP};
         words.insert(words.end(), arguments.begin(), arguments.end());
-        auto variables = environment();
-        for (auto& [name, value] : extra) variables[name] = value;
-        return std::make_unique<test::RunningProgram>(words, variables, (folder / log).string(), folder.path());
+        // The session's variables, but those `extra` sets already.
+        extra.insert({{"DISPLAY", x.display()},
+                      {"XDG_CONFIG_HOME", (folder / "config").string()},
+                      {"XDG_DATA_HOME", (folder / "data").string()},
+                      {"XDG_CACHE_HOME", (folder / "cache").string()},
+                      {"XDG_SESSION_TYPE", "x11"},
+                      {"WAYLAND_DISPLAY", ""},
+                      {"TOBRIN_PACKS", TOBRIN_BUILT_IN_PACKS_DIR},
+                      {"TOBRIN_AUDIO", ""},
+                      {"TOBRIN_KEYS", ""}});
+        return std::make_unique<test::RunningProgram>(words, extra, (folder / log).string(), folder.path());
     }
     std::filesystem::path settings() const { return folder / "config/tobrin/settings.json"; }
 
@@ -208,12 +205,9 @@ TEST(Program, TheProbeWritesBothFilesInTheirFormatAndARecordingOfTheSensor) {
     EXPECT_NE(output.find("Impacts inside the engine's [-12, +14] ms window: "), std::string::npos);
 
     std::smatch saved;
-    ASSERT_TRUE(std::regex_search(output, saved, std::regex("Saved: (probe-[0-9-]+\\.csv) ")));
-    const auto csv = session.folder / saved[1].str();
-    auto traces = csv;
-    traces.replace_extension();
-    const auto replayed = traces.string() + "-sensor.replay";
-    traces += "-traces.csv";
+    ASSERT_TRUE(std::regex_search(output, saved, std::regex("Saved: (probe-[0-9-]+)\\.csv ")));
+    const std::string stem = (session.folder / saved[1].str()).string();
+    const std::string csv = stem + ".csv", traces = stem + "-traces.csv";
     EXPECT_TRUE(std::regex_match(test::readFile(csv), std::regex("index,group,offset_ms,peak_g\n"
                                                                  "0,alpha,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
                                                                  "1,space,-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n"
@@ -223,7 +217,7 @@ TEST(Program, TheProbeWritesBothFilesInTheirFormatAndARecordingOfTheSensor) {
     EXPECT_TRUE(std::regex_match(test::readFile(traces),
                                  std::regex("index,dt_ms,value_g\n([0-3],-?[0-9]+\\.[0-9]{3},[0-9]+\\.[0-9]{5}\n)+")));
     // About 1000 reports a second were recorded, in the replay format.
-    EXPECT_GT(SensorRecording::read(replayed).size(), 1500u);
+    EXPECT_GT(SensorRecording::read(stem + "-sensor.replay").size(), 1500u);
 }
 
 TEST(Program, HelpPrintsTheUsageTextExactly) {

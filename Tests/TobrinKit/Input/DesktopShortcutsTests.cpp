@@ -58,25 +58,16 @@ TEST(DesktopShortcuts, ParsesTheActiveShortcutsOfKdeEntries) {
     }
 }
 
-class KdeShortcutsTest : public ::testing::Test {
-protected:
-    KdeShortcutsTest() {
-        desktop.kde = true;
-        desktop.kdeShortcuts = folder / "kglobalshortcutsrc";
-    }
-
+TEST(DesktopShortcuts, ACombinationInKdesGlobalShortcutsFileIsReserved) {
     test::TemporaryFolder folder;
-    DesktopShortcuts::Desktop desktop;
-    const std::optional<KeyboardLayout> us = KeyboardLayout::fromNames({"evdev", "pc105", "us", "", ""});
-};
-
-TEST_F(KdeShortcutsTest, ACombinationInTheGlobalShortcutsFileIsReserved) {
+    DesktopShortcuts::Desktop desktop{.kde = true, .kdeShortcuts = folder / "kglobalshortcutsrc"};
     std::ofstream(desktop.kdeShortcuts) << "[kwin]\n"
                                            "_k_friendly_name=KWin\n"
                                            "Window Close=Alt+F4,Alt+F4,Close Window\n"
                                            "Lock Session=Meta+L\\tScreensaver,Meta+L,Lock Session\n"
                                            "[services][org.kde.konsole.desktop]\n"
                                            "_launch=Ctrl+Alt+T,none,Konsole\n";
+    const auto us = KeyboardLayout::fromNames({"evdev", "pc105", "us", "", ""});
     ASSERT_TRUE(us);
     EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{118, alt}, desktop, us));       // F4
     EXPECT_TRUE(DesktopShortcuts::isReserved(Hotkey{37, super}, desktop, us));      // L
@@ -87,7 +78,8 @@ TEST_F(KdeShortcutsTest, ACombinationInTheGlobalShortcutsFileIsReserved) {
     EXPECT_FALSE(DesktopShortcuts::isReserved(Hotkey{118, alt}, desktop, us));
 }
 
-TEST_F(KdeShortcutsTest, TheSystemKeyboardConfigurationNamesTheLayout) {
+TEST(KeyboardLayout, TheSystemKeyboardConfigurationNamesTheLayout) {
+    test::TemporaryFolder folder;
     std::ofstream(folder / "keyboard") << "# KEYBOARD CONFIGURATION FILE\nXKBMODEL=\"pc105\"\nXKBLAYOUT='de'\n";
     const auto german = KeyboardLayout::fromSystem(folder / "keyboard");
     ASSERT_TRUE(german);

@@ -14,13 +14,10 @@ namespace tobrin {
 namespace {
 
 using test::down;
-using test::KeyStep;
 using test::up;
 
 class EvdevKeySourceTest : public ::testing::Test {
 protected:
-    bool waitForSteps(const std::vector<KeyStep>& expected) { return recorder.waitForSteps(expected); }
-
     test::PipeKeyboards keyboards;
     test::KeyRecorder recorder;
     KeyMonitor monitor{recorder.handler(), {keyboards.factory()}, ""};
@@ -41,9 +38,9 @@ TEST_F(EvdevKeySourceTest, PressesAndReleasesReachTheHandlerOnTheMonitorThreadRe
     event.value = 1;
     const auto* bytes = reinterpret_cast<const unsigned char*>(&event);
     keyboards.write(keyboard, bytes, 5);
-    ASSERT_TRUE(waitForSteps({down(0), up(0)}));
+    ASSERT_TRUE(recorder.waitForSteps({down(0), up(0)}));
     keyboards.write(keyboard, bytes + 5, sizeof event - 5);
-    ASSERT_TRUE(waitForSteps({down(0), up(0), down(36)}));
+    ASSERT_TRUE(recorder.waitForSteps({down(0), up(0), down(36)}));
     recorder.expectStampedBetween(before, MachTime::now());
 }
 
@@ -60,7 +57,7 @@ TEST_F(EvdevKeySourceTest, DroppedRecordsNeverLeaveAKeyHeld) {
     keyboards.record(keyboard, EV_SYN, SYN_REPORT, 0);
     keyboards.key(keyboard, KEY_C, 0); // its press was lost: no up either
     keyboards.key(keyboard, KEY_D, 1);
-    EXPECT_TRUE(waitForSteps({down(0), down(11), up(0), up(11), down(2)}))
+    EXPECT_TRUE(recorder.waitForSteps({down(0), down(11), up(0), up(11), down(2)}))
         << ::testing::PrintToString(recorder.steps());
 }
 
@@ -69,16 +66,16 @@ TEST_F(EvdevKeySourceTest, AKeyboardThatGoesAwayReleasesItsKeysTheOthersGoOnAndI
     const auto second = keyboards.plugIn();
     ASSERT_TRUE(monitor.start());
     keyboards.key(first, KEY_A, 1);
-    ASSERT_TRUE(waitForSteps({down(0)}));
+    ASSERT_TRUE(recorder.waitForSteps({down(0)}));
     keyboards.key(second, KEY_S, 1);
-    ASSERT_TRUE(waitForSteps({down(0), down(1)}));
+    ASSERT_TRUE(recorder.waitForSteps({down(0), down(1)}));
     keyboards.unplug(first);
-    ASSERT_TRUE(waitForSteps({down(0), down(1), up(0)}));
+    ASSERT_TRUE(recorder.waitForSteps({down(0), down(1), up(0)}));
     keyboards.key(second, KEY_S, 0);
     const auto again = keyboards.plugIn();
     keyboards.key(again, KEY_A, 1);
     keyboards.key(again, KEY_A, 0);
-    EXPECT_TRUE(waitForSteps({down(0), down(1), up(0), up(1), down(0), up(0)}));
+    EXPECT_TRUE(recorder.waitForSteps({down(0), down(1), up(0), up(1), down(0), up(0)}));
 }
 
 int threadsNamed(const std::string& name) {
@@ -100,7 +97,7 @@ TEST_F(EvdevKeySourceTest, StartsOnceStopsAndStartsAgain) {
     ASSERT_TRUE(monitor.start());
     const auto keyboard = keyboards.plugIn();
     keyboards.key(keyboard, KEY_Z, 1);
-    EXPECT_TRUE(waitForSteps({down(6)}));
+    EXPECT_TRUE(recorder.waitForSteps({down(6)}));
 }
 
 TEST(KeyMonitor, ReportsWhyNoSourceOpened) {

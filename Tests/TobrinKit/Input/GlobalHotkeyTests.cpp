@@ -1,7 +1,6 @@
 #include "TobrinKit/Input/GlobalHotkey.h"
 
 #include "TobrinKit/Input/Desktop/DesktopShortcuts.h"
-#include "TobrinKit/Input/EvdevKeySource.h"
 #include "TobrinKit/Input/KeyMonitor.h"
 #include "TobrinKit/Input/X11/X11Keys.h"
 #include "TobrinKit/Input/Xkb/KeyboardLayout.h"

@@ -49,11 +49,6 @@ public:
         std::lock_guard guard(lock_);
         return events_.size();
     }
-    // The thread the handler last ran on.
-    std::string threadName() const {
-        std::lock_guard guard(lock_);
-        return threadName_;
-    }
     bool waitForCount(std::size_t count) const {
         return eventually([&] { return this->count() >= count; });
     }
@@ -63,8 +58,9 @@ public:
     // The handler ran on the monitor's thread, and every event was stamped
     // in order on the monotonic clock between `before` and `after`.
     void expectStampedBetween(std::uint64_t before, std::uint64_t after) const {
-        EXPECT_EQ(threadName(), "Tobrin.KeyMonit");
         const auto all = events();
+        std::lock_guard guard(lock_);
+        EXPECT_EQ(threadName_, "Tobrin.KeyMonit");
         for (std::size_t i = 0; i < all.size(); ++i) {
             EXPECT_GE(all[i].time, i ? all[i - 1].time : before);
             EXPECT_LE(all[i].time, after);
@@ -78,7 +74,7 @@ public:
 private:
     mutable std::mutex lock_;
     std::vector<KeyEvent> events_;
-    std::string threadName_;
+    std::string threadName_; // the thread the handler last ran on
 };
 
 } // namespace tobrin::test

@@ -18,8 +18,6 @@ using test::up;
 
 class X11KeyMonitorTest : public ::testing::Test {
 protected:
-    bool waitForSteps(const std::vector<KeyStep>& expected) { return recorder.waitForSteps(expected); }
-
     // A quick autorepeat, so holding a key repeats within a test.
     test::PrivateXServer server{{"-ardelay", "40", "-arinterval", "10"}};
     test::FakeKeyboard keyboard{server.display()};
@@ -36,11 +34,8 @@ TEST_F(X11KeyMonitorTest, TypedKeysReachTheHandlerInOrderWithTheirCodesStampedOn
     for (auto code : typed) keyboard.tap(code);
     std::vector<KeyStep> expected;
     const std::uint16_t heard[] = {4, 14, 37, 37, 31, 49, 36, 123, 96, 87, 60};
-    for (auto code : heard) {
-        expected.push_back(down(code));
-        expected.push_back(up(code));
-    }
-    ASSERT_TRUE(waitForSteps(expected)) << ::testing::PrintToString(recorder.steps());
+    for (auto code : heard) expected.insert(expected.end(), {down(code), up(code)});
+    ASSERT_TRUE(recorder.waitForSteps(expected)) << ::testing::PrintToString(recorder.steps());
     recorder.expectStampedBetween(before, MachTime::now());
 }
 
@@ -68,21 +63,22 @@ TEST_F(X11KeyMonitorTest, UnderAnotherClientsKeyboardGrabAHeldKeyGivesOneDownAnd
     }));
     keyboard.release(KEY_A);
     keyboard.tap(KEY_B); // once its events are in, every earlier one is
-    EXPECT_TRUE(waitForSteps({down(0), up(0), down(11), up(11)})) << ::testing::PrintToString(recorder.steps());
+    EXPECT_TRUE(recorder.waitForSteps({down(0), up(0), down(11), up(11)}))
+        << ::testing::PrintToString(recorder.steps());
 }
 
 TEST_F(X11KeyMonitorTest, StopsAndStartsAgain) {
     ASSERT_TRUE(monitor.start());
     ASSERT_TRUE(monitor.start());
     keyboard.tap(KEY_A);
-    ASSERT_TRUE(waitForSteps({down(0), up(0)}));
+    ASSERT_TRUE(recorder.waitForSteps({down(0), up(0)}));
     monitor.stop();
     EXPECT_FALSE(monitor.isRunning());
     keyboard.tap(KEY_B);
     keyboard.sync();
     ASSERT_TRUE(monitor.start());
     keyboard.tap(KEY_C);
-    EXPECT_TRUE(waitForSteps({down(0), up(0), down(8), up(8)}));
+    EXPECT_TRUE(recorder.waitForSteps({down(0), up(0), down(8), up(8)}));
 }
 
 TEST(X11Keys, AnUnreachableServerIsReportedNotFatal) {
