@@ -56,29 +56,15 @@ TEST(EngineSettings, FailedDecodingLeavesTheTargetUntouched) {
     EXPECT_FLOAT_EQ(settings.volume, 1.5f);
 }
 
-TEST(EngineSettings, EncodesAllElevenKeysAndRoundTrips) {
-    EngineSettings settings;
-    settings.enabled = false;
-    settings.volume = 1.25f;
-    settings.forceSensing = false;
-    settings.sensitivity = 0.35f;
-    settings.fixedTier = Tier::hard;
-    settings.blendTiers = false;
-    settings.releaseSounds = false;
-    settings.spatial = 0.9f;
-    settings.quietDuringCalls = false;
-    settings.shortcutEnabled = false;
-    settings.shortcut = Hotkey{17, Modifiers::control | Modifiers::shift};
-
-    const nlohmann::json json = settings;
-    const char* keys[] = {"enabled",       "volume",  "forceSensing",     "sensitivity",     "fixedTier", "blendTiers",
-                          "releaseSounds", "spatial", "quietDuringCalls", "shortcutEnabled", "shortcut"};
-    EXPECT_EQ(json.size(), 11u);
-    for (const char* key : keys) EXPECT_TRUE(json.contains(key)) << key;
-    EXPECT_EQ(json["fixedTier"], nlohmann::json(2));
-    EXPECT_EQ(json["shortcut"], nlohmann::json::parse(R"({"keyCode": 17, "modifiers": 5})"));
-
-    EXPECT_EQ(nlohmann::json::parse(json.dump()).get<EngineSettings>(), settings);
+// Every key away from its default: what is decoded encodes to the same
+// document, so no key is dropped, renamed or read into another field.
+TEST(EngineSettings, EncodesAllElevenKeysAsTheyAreDecoded) {
+    const char* text = R"({"enabled": false, "volume": 1.25, "forceSensing": false, "sensitivity": 0.35,
+        "fixedTier": 2, "blendTiers": false, "releaseSounds": false, "spatial": 0.9, "quietDuringCalls": false,
+        "shortcutEnabled": false, "shortcut": {"keyCode": 17, "modifiers": 5}})";
+    const EngineSettings settings = decode(text);
+    EXPECT_EQ(nlohmann::json(settings), nlohmann::json::parse(text));
+    EXPECT_EQ(settings.fixedTier, Tier::hard);
 }
 
 TEST(EngineSettings, WritesFloatsAsTheirShortestDecimal) {
