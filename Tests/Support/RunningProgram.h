@@ -4,6 +4,7 @@
 // reads, and it is ended by process id when the object goes, also when the
 // test fails.
 
+#include "Support/Eventually.h"
 #include "Support/TemporaryFolder.h"
 
 #include <fcntl.h>
@@ -72,17 +73,14 @@ public:
     // The exit status (128 + signal when a signal ended it), or nothing when
     // it has not ended within `timeout`.
     std::optional<int> wait(std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!status_) {
-            int status = 0;
-            const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-            if (done == pid_) {
-                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                break;
-            }
-            if (std::chrono::steady_clock::now() >= deadline) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
+        eventually(
+            [&] {
+                int status = 0;
+                if (!status_ && ::waitpid(pid_, &status, WNOHANG) == pid_)
+                    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                return status_.has_value();
+            },
+            timeout);
         return status_;
     }
 

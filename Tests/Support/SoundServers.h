@@ -15,7 +15,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,9 +47,6 @@ public:
     static constexpr const char* secondSink = "tobrin-test-sink-2";
 
     explicit PrivateSoundServer(SoundServerKind kind) : kind_(kind) {
-        char folder[] = "/tmp/tobrin-sound-XXXXXX";
-        if (!::mkdtemp(folder)) throw std::runtime_error("no temporary folder for the sound server");
-        folder_ = folder;
         guard();
         if (!start()) {
             stop();
@@ -62,8 +58,6 @@ public:
     ~PrivateSoundServer() {
         stop();
         releaseGuardian();
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
     }
 
     PrivateSoundServer(const PrivateSoundServer&) = delete;
@@ -72,7 +66,7 @@ public:
     // Starts the servers (again, after crash()) and points this process's
     // environment at them.
     bool start() {
-        const auto output = script("start " + std::string(serverName(kind_)) + " '" + folder_.string() + "'");
+        const auto output = script("start " + std::string(serverName(kind_)) + " '" + folder_.path().string() + "'");
         if (!output) return false;
         std::istringstream lines(*output);
         for (std::string line; std::getline(lines, line);) {
@@ -84,14 +78,14 @@ public:
     }
 
     // Ends the sound servers abruptly, as a crash or an update would.
-    void crash() { script("kill '" + folder_.string() + "'"); }
-    void stop() { script("stop '" + folder_.string() + "'"); }
+    void crash() { script("kill '" + folder_.path().string() + "'"); }
+    void stop() { script("stop '" + folder_.path().string() + "'"); }
 
     bool setDefaultSink(const std::string& sink) {
         return runCommand("pactl set-default-sink '" + sink + "'").succeeded;
     }
 
-    const std::filesystem::path& folder() const { return folder_; }
+    const std::filesystem::path& folder() const { return folder_.path(); }
 
 private:
     // A process that outlives this one and stops the servers when it ends in
@@ -100,7 +94,7 @@ private:
     void guard() {
         int fds[2];
         if (::pipe2(fds, O_CLOEXEC) != 0) return;
-        const std::string dir = folder_.string();
+        const std::string dir = folder_.path().string();
         guardian_ = ::fork();
         if (guardian_ == 0) {
             ::setsid(); // not ended with the test's process group
@@ -129,7 +123,7 @@ private:
     }
 
     SoundServerKind kind_;
-    std::filesystem::path folder_;
+    TemporaryFolder folder_;  // the servers' sockets, configuration and logs
     Environment environment_; // put back when the servers are gone
     pid_t guardian_ = -1;
     int lifeline_ = -1;
