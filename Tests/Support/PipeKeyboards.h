@@ -53,10 +53,7 @@ public:
         if (::write(writeEnds_.at(keyboard), bytes, size) != ssize_t(size)) throw std::runtime_error("write failed");
     }
     void record(std::size_t keyboard, std::uint16_t type, std::uint16_t code, std::int32_t value) {
-        input_event event{};
-        event.type = type;
-        event.code = code;
-        event.value = value;
+        const input_event event{{}, type, code, value};
         write(keyboard, &event, sizeof event);
     }
     // A key record and the report that ends it, as a keyboard sends them.

@@ -32,10 +32,7 @@ TEST_F(EvdevKeySourceTest, PressesAndReleasesReachTheHandlerOnTheMonitorThreadRe
     keyboards.key(keyboard, KEY_A, 2);
     keyboards.key(keyboard, KEY_A, 0);
     // A record split across two writes, as a pipe may deliver it.
-    input_event event{};
-    event.type = EV_KEY;
-    event.code = KEY_ENTER;
-    event.value = 1;
+    const input_event event{{}, EV_KEY, KEY_ENTER, 1};
     const auto* bytes = reinterpret_cast<const unsigned char*>(&event);
     keyboards.write(keyboard, bytes, 5);
     ASSERT_TRUE(recorder.waitForSteps({down(0), up(0)}));
@@ -132,13 +129,10 @@ TEST(KeySources, ChooseX11OutsideWaylandWhenADisplayAnswersEvdevOtherwiseOrWhatT
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.sessionType ? c.sessionType : "-") + " forced " + c.forced);
-        KeySourceFactory x11{
-            "x11",
-            [&] { return !KeySources::isWaylandSession(c.sessionType, c.waylandDisplay) && c.displayAnswers; },
-            {},
-            {},
-            {}};
-        KeySourceFactory evdev{"evdev", {}, {}, {}, {}};
+        KeySourceFactory x11{"x11", {}, {}, {}, {}}, evdev{"evdev", {}, {}, {}, {}};
+        x11.suitsSession = [&] {
+            return !KeySources::isWaylandSession(c.sessionType, c.waylandDisplay) && c.displayAnswers;
+        };
         const auto chosen = KeySources::candidates({x11, evdev}, c.forced);
         ASSERT_FALSE(chosen.empty());
         EXPECT_EQ(chosen.front().name, c.expected);

@@ -45,12 +45,8 @@ public:
         for (const auto& event : events()) steps.emplace_back(event.code, event.action);
         return steps;
     }
-    std::size_t count() const {
-        std::lock_guard guard(lock_);
-        return events_.size();
-    }
     bool waitForCount(std::size_t count) const {
-        return eventually([&] { return this->count() >= count; });
+        return eventually([&] { return events().size() >= count; });
     }
     bool waitForSteps(const std::vector<KeyStep>& expected) const {
         return eventually([&] { return steps() == expected; });

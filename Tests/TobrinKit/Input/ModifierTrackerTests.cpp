@@ -14,32 +14,28 @@ struct Change {
     std::optional<KeyAction> expected;
 };
 
-void play(const std::vector<Change>& changes) {
-    ModifierTracker tracker;
-    for (std::size_t i = 0; i < changes.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(tracker.update(changes[i].code, changes[i].flags), changes[i].expected);
-    }
-}
-
 constexpr auto down = KeyAction::down;
 constexpr auto up = KeyAction::up;
 
-TEST(ModifierTracker, LeftAndRightShiftGoDownAndUpApart) {
-    play({{56, 0x2, down}, {60, 0x6, down}, {56, 0x4, up}, {60, 0x0, up}});
-}
-
-TEST(ModifierTracker, CapsLockGivesADownEveryTimeAndNeverAnUp) {
-    play({{57, 0x10000, down}, {57, 0x0, down}, {57, 0x10000, down}});
-}
-
-TEST(ModifierTracker, UnknownKeysAndUnchangedStatesGiveNothing) {
-    play({{114, 0x2, std::nullopt},
+TEST(ModifierTracker, GivesADownOrAnUpOnlyWhenAModifiersFlagChanges) {
+    const std::pair<const char*, std::vector<Change>> cases[] = {
+        {"left and right Shift go down and up apart", {{56, 0x2, down}, {60, 0x6, down}, {56, 0x4, up}, {60, 0x0, up}}},
+        {"Caps Lock gives a down every time and never an up",
+         {{57, 0x10000, down}, {57, 0x0, down}, {57, 0x10000, down}}},
+        {"unknown keys and unchanged states give nothing",
+         {{114, 0x2, std::nullopt},
           {59, 0x1, down},
           {59, 0x1, std::nullopt},
           {62, 0x1, std::nullopt},
           {59, 0x0, up},
-          {59, 0x0, std::nullopt}});
+          {59, 0x0, std::nullopt}}},
+    };
+    for (const auto& [name, changes] : cases) {
+        SCOPED_TRACE(name);
+        ModifierTracker tracker;
+        for (std::size_t i = 0; i < changes.size(); ++i)
+            EXPECT_EQ(tracker.update(changes[i].code, changes[i].flags), changes[i].expected) << i;
+    }
 }
 
 TEST(ModifierTracker, NamesTheShortcutModifiersHeldOnEitherSide) {
