@@ -97,9 +97,7 @@ TEST_F(AppModelTest, AMicrophoneInUsePausesAndTurningQuietDuringCallsOffResumesA
     EXPECT_FALSE(model->playing());
     EXPECT_TRUE(keyIsSilent());
 
-    EngineSettings settings = model->settings();
-    settings.quietDuringCalls = false;
-    model->setSettings(settings);
+    model->changeSettings([](EngineSettings& settings) { settings.quietDuringCalls = false; });
     EXPECT_TRUE(model->playing());
     EXPECT_FALSE(mic->running);
     EXPECT_TRUE(keyIsHeard());
@@ -132,9 +130,7 @@ TEST_F(AppModelTest, TheStatusLineInEachOfItsCases) {
         access = c.access;
         sensor = c.sensor ? std::make_shared<ForceSensor>(nullptr) : nullptr;
         auto model = start();
-        EngineSettings settings = model->settings();
-        settings.enabled = c.enabled;
-        model->setSettings(settings);
+        model->changeSettings([&](EngineSettings& settings) { settings.enabled = c.enabled; });
         if (c.micInUse) mic->report(true);
         ASSERT_TRUE(until([&] { return model->micInUse() == c.micInUse; }));
         EXPECT_EQ(model->statusLine().toStdString(), c.expected);

@@ -177,11 +177,8 @@ TEST(Program, TheSelfTestPassesOnRealServersAndFailsInWordsWithoutThem) {
 // A sensor at rest with a sharp tap every 100 ms, for 6 s.
 std::filesystem::path tappingReplay(const std::filesystem::path& file) {
     SensorRecording recording;
-    for (std::uint64_t ms = 0; ms < 6000; ++ms) {
-        const double x = ms % 100 == 50 ? 0.8 : 0.0;
-        const auto report = ForceSensor::encodeReport({x, 0, 1});
-        recording.append(ms * 1'000'000, report);
-    }
+    for (std::uint64_t ms = 0; ms < 6000; ++ms)
+        recording.append(ms * 1'000'000, ForceSensor::encodeReport({ms % 100 == 50 ? 0.8 : 0.0, 0, 1}));
     recording.write(file);
     return file;
 }
