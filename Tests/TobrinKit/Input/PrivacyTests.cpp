@@ -34,9 +34,6 @@ TEST(Privacy, NoKeyCodeLeavesTheMonitorsProcess) {
     // Standard output and error together: the two lines the probe writes itself.
     EXPECT_EQ(probe.output(), "ready\ndone " + std::to_string(2 * taps) + "\n");
 
-    std::ifstream in(trace);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
     // Every line that could carry what was typed out of the process. A line
     // is "PID name(arguments) = result"; resumed calls and signals are skipped.
     const std::set<std::string> changing = {"creat", "rename", "renameat", "renameat2", "truncate", "ftruncate"};
@@ -49,7 +46,8 @@ TEST(Privacy, NoKeyCodeLeavesTheMonitorsProcess) {
     };
     std::vector<std::string> leaks;
     bool listening = false, traced = false;
-    for (const auto& line : lines) {
+    std::ifstream in(trace);
+    for (std::string line; std::getline(in, line);) {
         const auto nameStart = line.find_first_not_of(' ', line.find(' ')), nameEnd = line.find('(');
         if (nameStart == std::string::npos || nameEnd == std::string::npos || nameEnd < nameStart) continue;
         const std::string name = line.substr(nameStart, nameEnd - nameStart);
