@@ -1,6 +1,5 @@
 #include "TobrinKit/Building/Loudness.h"
 #include "TobrinKit/Building/WAVWriter.h"
-#include "TobrinKit/Packs/PackLibrary.h"
 
 #include "Support/ChildProcess.h"
 #include "Support/PackFolder.h"
@@ -105,13 +104,8 @@ TEST_F(PackTool, GenerateWritesTheFiveStarterPacksIntoTheUsersPacksFolder) {
     const fs::path packs = folder / "Tobrin" / "Packs";
     for (const char* id : {"cream", "blue-click", "panda", "dome", "typewriter"}) {
         EXPECT_TRUE(fs::is_regular_file(packs / id / "pack.json")) << id;
-        EXPECT_TRUE(fs::is_regular_file(packs / id / "enter-slam-2.wav")) << id;
         EXPECT_NE(result.output.find((packs / id).string()), std::string::npos) << result.output;
     }
-    // The pack library lists them as the user's packs, in the order of their names.
-    std::vector<std::string> names;
-    for (const PackInfo& pack : PackLibrary::discover(packs, false)) names.push_back(pack.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"Blue Click", "Cream", "Dome", "Panda", "Typewriter"}));
 }
 
 TEST_F(PackTool, GenerateLeavesWhatItDidNotWriteAloneUnlessToldToReplaceIt) {
