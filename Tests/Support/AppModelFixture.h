@@ -87,12 +87,6 @@ protected:
     bool keyIsHeard() { return keyStartsAVoice(2000ms); }
     bool keyIsSilent() { return !keyStartsAVoice(400ms); } // given time to act on the key
 
-    void pressShortcut() {
-        const std::uint16_t keys[] = {KEY_LEFTCTRL, KEY_LEFTALT, KEY_LEFTMETA, KEY_K};
-        for (auto code : keys) keyboards.key(keyboard, code, 1);
-        for (auto code = std::rbegin(keys); code != std::rend(keys); ++code) keyboards.key(keyboard, *code, 0);
-    }
-
     test::TemporaryFolder folder;
     std::filesystem::path settingsPath = folder / "config/tobrin/settings.json";
     std::vector<PackInfo> packs = PackLibrary::discover(TOBRIN_BUILT_IN_PACKS_DIR, true);

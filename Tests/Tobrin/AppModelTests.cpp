@@ -72,23 +72,6 @@ TEST_F(AppModelTest, TheSamePackSetAgainDoesNothingAnotherIsSavedAndLoadedAndABr
     EXPECT_TRUE(keyIsSilent());
 }
 
-TEST_F(AppModelTest, TheShortcutToggledTwiceRestoresAndSavesEnabled) {
-    auto model = start();
-    ASSERT_EQ(model->shortcutStatus().kind, GlobalHotkey::Status::Kind::active);
-    EXPECT_EQ(model->shortcutProblem().toStdString(), "");
-    pressShortcut();
-    ASSERT_TRUE(until([&] { return !model->settings().enabled; }));
-    EXPECT_NE(test::readFile(settingsPath).find("\"enabled\": false"), std::string::npos);
-    EXPECT_TRUE(keyIsSilent());
-
-    pressShortcut();
-    ASSERT_TRUE(until([&] { return model->settings().enabled; }));
-    EXPECT_NE(test::readFile(settingsPath).find("\"enabled\": true"), std::string::npos);
-    EXPECT_TRUE(keyIsHeard());
-    model.reset();
-    EXPECT_TRUE(start()->settings().enabled);
-}
-
 TEST_F(AppModelTest, AMicrophoneInUsePausesAndTurningQuietDuringCallsOffResumesAtOnce) {
     auto model = start();
     ASSERT_TRUE(mic->running);
