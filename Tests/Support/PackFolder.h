@@ -35,6 +35,7 @@ public:
         manifest_.groups[group].down[tier] = std::move(paths);
     }
     void up(const std::string& group, std::vector<std::string> paths) { manifest_.groups[group].up = std::move(paths); }
+    void summary(std::string text) { manifest_.summary = std::move(text); }
 
     PackInfo info() {
         std::filesystem::create_directories(directory_);

@@ -1,9 +1,8 @@
 #include "TobrinKit/Packs/PackLibrary.h"
 #include "TobrinKit/Packs/PackError.h"
-#include "TobrinKit/Packs/PackManifest.h"
 
 #include "Support/Environment.h"
-#include "Support/SoundFiles.h"
+#include "Support/PackFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -15,16 +14,6 @@ namespace {
 
 using test::Environment;
 using test::ScratchFolder;
-
-void writePack(const std::filesystem::path& folder, const std::string& id, const std::string& name) {
-    PackManifest manifest;
-    manifest.id = id;
-    manifest.name = name;
-    manifest.kind = "synthesized";
-    manifest.summary = "about " + name;
-    std::filesystem::create_directories(folder);
-    manifest.write(folder / "pack.json");
-}
 
 std::vector<std::string> names(const std::vector<PackInfo>& packs) {
     std::vector<std::string> result;
@@ -81,19 +70,21 @@ TEST(PackLibrary, NameOrderFollowsTheLocaleTheEnvironmentNames) {
 
 TEST(PackLibrary, ListsOnlyPackFoldersDirectlyInsideTheFolder) {
     ScratchFolder scratch;
-    writePack(scratch / "one", "one", "One");
-    writePack(scratch / "two", "two", "Two");
-    writePack(scratch / ".hidden", "hidden", "Hidden");
-    writePack(scratch / "group" / "nested", "nested", "Nested");
+    test::PackFolder one(scratch / "one", "one", "One");
+    one.summary("about One");
+    one.info();
+    test::PackFolder(scratch / "two", "two", "Two").info();
+    test::PackFolder(scratch / ".hidden", "hidden", "Hidden").info();
+    test::PackFolder(scratch / "group" / "nested", "nested", "Nested").info();
     std::filesystem::create_directories(scratch / "empty");
     test::writeText(scratch / "broken" / "pack.json", R"({"formatVersion": 1, "id": "broken"})");
     test::writeText(scratch / "notes.txt", "a plain file");
-    writePack(scratch / "elsewhere" / "linked", "linked", "Linked");
+    test::PackFolder(scratch / "elsewhere" / "linked", "linked", "Linked").info();
     std::filesystem::create_directory_symlink(scratch / "elsewhere" / "linked", scratch / "link");
 
     const auto packs = PackLibrary::discover(scratch.path(), true);
     ASSERT_EQ(names(packs), (std::vector<std::string>{"Linked (built-in)", "One (built-in)", "Two (built-in)"}));
-    EXPECT_EQ(packs[1], (PackInfo{"one", "One", "synthesized", "about One", scratch / "one", true}));
+    EXPECT_EQ(packs[1], (PackInfo{"one", "One", "test", "about One", scratch / "one", true}));
     EXPECT_EQ(packs[0].directory, scratch / "link");
     EXPECT_TRUE(PackLibrary::discover(scratch / "does-not-exist", false).empty());
     EXPECT_TRUE(PackLibrary::discover(scratch / "notes.txt", false).empty());
@@ -103,8 +94,8 @@ TEST(PackLibrary, ListsOnlyPackFoldersDirectlyInsideTheFolder) {
 // one far over the bound is refused from its size, unread and unparsed.
 TEST(PackLibrary, LeavesOutAnOversizedManifestWithoutReadingIt) {
     ScratchFolder scratch;
-    writePack(scratch / "good", "good", "Good");
-    writePack(scratch / "huge", "huge", "Huge");
+    test::PackFolder(scratch / "good", "good", "Good").info();
+    test::PackFolder(scratch / "huge", "huge", "Huge").info();
     // Sparse: a gibibyte to any reader, nothing on disk.
     std::filesystem::resize_file(scratch / "huge" / "pack.json", std::uintmax_t{1} << 30);
     EXPECT_EQ(names(PackLibrary::discover(scratch.path(), false)), std::vector<std::string>{"Good"});
@@ -118,15 +109,15 @@ TEST(PackLibrary, MergesByIdAndSortsBuiltInBeforeUserPacksByName) {
     environment.set("TOBRIN_PACKS", (scratch / "builtin").string());
     environment.set("XDG_DATA_HOME", (scratch / "data").string());
     const auto user = scratch / "data" / "Tobrin" / "Packs";
-    writePack(scratch / "builtin" / "red", "red", "Red");
-    writePack(scratch / "builtin" / "p10", "p10", "Pack 10");
-    writePack(scratch / "builtin" / "p2", "p2", "Pack 2");
-    writePack(scratch / "builtin" / "blue", "blue", "blue");
-    writePack(user / "mine", "red", "My Red");
-    writePack(user / "b", "beta", "Beta");
-    writePack(user / "a", "alpha", "alpha");
+    test::PackFolder(scratch / "builtin" / "red", "red", "Red").info();
+    test::PackFolder(scratch / "builtin" / "p10", "p10", "Pack 10").info();
+    test::PackFolder(scratch / "builtin" / "p2", "p2", "Pack 2").info();
+    test::PackFolder(scratch / "builtin" / "blue", "blue", "blue").info();
+    test::PackFolder(user / "mine", "red", "My Red").info();
+    test::PackFolder(user / "b", "beta", "Beta").info();
+    test::PackFolder(user / "a", "alpha", "alpha").info();
     // Two user folders with one id: the later-listed one stays.
-    writePack(user / "z-copy", "alpha", "alpha copy");
+    test::PackFolder(user / "z-copy", "alpha", "alpha copy").info();
 
     EXPECT_EQ(names(PackLibrary::discover()),
               (std::vector<std::string>{"blue (built-in)", "Pack 2 (built-in)", "Pack 10 (built-in)", "alpha copy",
