@@ -4,6 +4,7 @@
 #include "Support/IndependentReaders.h"
 #include "Support/SoundFiles.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -203,13 +204,8 @@ TEST_F(WAVWriterTest, WritesIntoAFifoAndReplacesAFileWholeKeepingItsModeAndOwner
 }
 
 TEST_F(WAVWriterTest, AFolderThatDoesNotExistFailsWithTheFileSystemError) {
-    const fs::path file = folder / "missing" / "take.wav";
-    try {
-        WAVWriter::write(ramp(10), std::nullopt, 48000, file);
-        FAIL() << "no error";
-    } catch (const fs::filesystem_error& error) {
-        EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
-    }
+    const auto write = [&] { WAVWriter::write(ramp(10), std::nullopt, 48000, folder / "missing" / "take.wav"); };
+    EXPECT_THAT(test::errorOf<fs::filesystem_error>(write), ::testing::HasSubstr("No such file or directory"));
     EXPECT_FALSE(fs::exists(folder / "missing"));
 }
 
