@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <string>
@@ -13,12 +14,8 @@ namespace tobrin {
 namespace {
 
 bool silent(const KeySynth::Sound& sound) {
-    for (const auto* channel : {&sound.left, &sound.right}) {
-        for (float v : *channel) {
-            if (v != 0.0f) return false;
-        }
-    }
-    return true;
+    const auto zero = [](float v) { return v == 0.0f; };
+    return std::ranges::all_of(sound.left, zero) && std::ranges::all_of(sound.right, zero);
 }
 
 TEST(KeySynth, NeverRendersAComponentAtOrAboveTheFilterLimit) {
