@@ -17,13 +17,14 @@ TEST(CommunityConfig, AcceptsVersionsOneAndTwoWithTheirRequiredKeysAndRefusesThe
     const std::string v2 = R"("name":"P","key_define_type":"multi","sound":"s.ogg","soundup":"u.ogg","defines":{})";
     struct Case {
         std::string json;
-        std::string error; // empty: decodes
+        std::string error; // "(no error)": decodes
     };
     const Case cases[] = {
-        {"{" + v1 + "}", ""},
-        {"{" + v1 + R"(,"version":1,"_zip":1,"tags":["x"],"group":null})", ""},
-        {"{" + v2 + R"(,"version":2})", ""},
-        {R"({"version":2,"name":"P","key_define_type":"multiple","sound":"s","soundup":"u","defines":{}})", ""},
+        {"{" + v1 + "}", "(no error)"},
+        {"{" + v1 + R"(,"version":1,"_zip":1,"tags":["x"],"group":null})", "(no error)"},
+        {"{" + v2 + R"(,"version":2})", "(no error)"},
+        {R"({"version":2,"name":"P","key_define_type":"multiple","sound":"s","soundup":"u","defines":{}})",
+         "(no error)"},
         {"{" + v1 + R"(,"version":"2"})", "unsupported \"version\" \"2\""},
         {"{" + v1 + R"(,"version":3})", "unsupported \"version\" 3"},
         {"{" + v1 + R"(,"version":2})", "\"soundup\" is missing"},
@@ -38,12 +39,9 @@ TEST(CommunityConfig, AcceptsVersionsOneAndTwoWithTheirRequiredKeysAndRefusesThe
         {"{", "parse error"},
     };
     for (const Case& test : cases) {
-        if (test.error.empty()) {
-            EXPECT_NO_THROW(CommunityConfig::decode(test.json)) << test.json;
-            continue;
-        }
         EXPECT_THAT(test::errorOf<CommunityConfig::DecodeError>([&] { CommunityConfig::decode(test.json); }),
-                    ::testing::HasSubstr(test.error));
+                    ::testing::HasSubstr(test.error))
+            << test.json;
     }
 }
 
