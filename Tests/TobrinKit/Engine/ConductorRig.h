@@ -7,6 +7,7 @@
 
 #include "TobrinKit/Engine/Audio/NullAudioBackend.h"
 #include "TobrinKit/Engine/Conductor.h"
+#include "TobrinKit/Engine/Core/MachTime.h"
 
 #include <mutex>
 #include <vector>
@@ -62,7 +63,10 @@ inline EngineSettings fixedTier(Tier tier) {
 }
 
 // The recorder is declared first so that it outlives the conductor whose
-// callbacks write into it.
+// callbacks write into it. The clock starts at the host clock's time: a
+// sensor replay stamps its reports on the host clock, and moving the clock
+// onto them must be a step of seconds, not a jump past the idle limit that
+// suspends the conductor (and restarts the sensor) behind the test's back.
 struct Rig {
     Recorder recorder;
     std::shared_ptr<ManualClock> clock;
@@ -71,7 +75,7 @@ struct Rig {
 
     explicit Rig(std::shared_ptr<const LoadedPack> pack, Conductor::Timing timing = {},
                  std::shared_ptr<ForceSensor> sensor = nullptr, std::shared_ptr<AudioOutput> output = nullOutput())
-        : clock(std::make_shared<ManualClock>()), audio(std::move(output)),
+        : clock(std::make_shared<ManualClock>(MachTime::now())), audio(std::move(output)),
           conductor(audio, std::move(sensor), timing, clock) {
         recorder.attach(conductor, audio);
         conductor.setPack(std::move(pack));

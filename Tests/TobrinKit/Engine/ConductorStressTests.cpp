@@ -89,7 +89,6 @@ TEST(ConductorStress, KeysSettingsAndPackSwapsFromManyThreads) {
     const auto click = fixtures::loadBuiltInPack("blue-click");
     test::Rig rig(cream, Conductor::Timing{5ms, 40, 10ms}, sensor);
     auto& [recorder, clock, audio, conductor] = rig;
-    clock->set(MachTime::now()); // the sensor stamps its reports on the host clock
     EngineSettings settings;
     conductor.apply(settings, true);
 
