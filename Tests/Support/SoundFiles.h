@@ -1,5 +1,5 @@
 #pragma once
-// Test helpers: scratch folders and sound files written with libsndfile, the
+// Test helpers: sound files written with libsndfile, the
 // same library real packs are decoded with, but driven through its own API.
 
 #include "Support/TemporaryFolder.h"
@@ -18,33 +18,6 @@
 #include <vector>
 
 namespace tobrin::test {
-
-// A fresh folder under the test binary folder, removed again when the test ends.
-class ScratchFolder {
-public:
-    ScratchFolder() {
-        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : "scratch";
-        for (char& c : name) {
-            if (c == '/') c = '_';
-        }
-        path_ = std::filesystem::path(TOBRIN_TEST_BINARY_DIR) / "scratch" / (name + "-" + std::to_string(::getpid()));
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::filesystem::path& relative) const { return path_ / relative; }
-
-private:
-    std::filesystem::path path_;
-};
 
 // Writes one sound file; `channels` holds one vector per channel, all of one
 // length. 16-bit files get round(x * 32768), clamped: the scale readers divide

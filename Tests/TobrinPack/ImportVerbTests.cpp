@@ -8,7 +8,7 @@ namespace tobrin {
 namespace {
 
 TEST(ImportVerb, ImportsAPackThatRendersAndLeavesAFolderItDidNotWrite) {
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     test::writeSound(scratch / "src" / "click.wav", {test::keyStroke(20, 80, 900, 44100)}, 44100);
     test::writeText(scratch / "src" / "config.json", R"({"name":"Clicks","key_define_type":"multi",
         "includes_numpad":false,"sound":"click.wav","defines":{"30":"click.wav","57":"gone.wav"}})");

@@ -27,7 +27,7 @@ using test::quoted;
 
 class PackTool : public ::testing::Test {
 protected:
-    test::ScratchFolder folder;
+    test::TemporaryFolder folder;
 };
 
 TEST_F(PackTool, HelpListsEveryVerbAndAnUnknownVerbIsAUsageError) {

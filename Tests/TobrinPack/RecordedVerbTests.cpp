@@ -13,7 +13,7 @@ namespace tobrin {
 namespace {
 
 TEST(RecordedVerbs, BuildWritesAPackAndSliceListsTheHits) {
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     const auto pack =
         LoadedPack::load(PackInfo::read(std::filesystem::path(TOBRIN_BUILT_IN_PACKS_DIR) / "panda", true), 48000);
     test::TypingRecordingOptions typing;

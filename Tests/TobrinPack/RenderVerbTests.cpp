@@ -24,7 +24,7 @@ test::CommandResult render(const std::string& arguments) { return test::packTool
 
 class RenderVerb : public ::testing::Test {
 protected:
-    test::ScratchFolder folder;
+    test::TemporaryFolder folder;
 };
 
 TEST_F(RenderVerb, WritesAStereoTypingDemoAndPrintsItsLoudness) {

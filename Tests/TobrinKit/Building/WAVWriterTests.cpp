@@ -27,7 +27,7 @@ using test::readFile;
 
 class WAVWriterTest : public ::testing::Test {
 protected:
-    test::ScratchFolder folder;
+    test::TemporaryFolder folder;
 };
 
 std::vector<float> ramp(std::size_t frames) {

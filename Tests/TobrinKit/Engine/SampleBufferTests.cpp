@@ -11,8 +11,8 @@
 namespace tobrin {
 namespace {
 
-using test::ScratchFolder;
 using test::sine;
+using test::TemporaryFolder;
 using test::writeSound;
 
 // The message libsndfile itself gives for a file it cannot open.
@@ -64,7 +64,7 @@ TEST(SampleBufferDeathTest, ChannelsOfDifferentLengthsAreAProgrammingError) {
 }
 
 TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     // Values a 16-bit file holds exactly, so decoding must return them unchanged.
     std::vector<float> a, b, c;
     for (int i = 0; i < 480; ++i) {
@@ -104,7 +104,7 @@ TEST(SampleBufferLoad, DecodesWithoutConversionAtTheEngineRate) {
 }
 
 TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     const std::size_t inFrames = 22050;
     writeSound(folder / "take.wav", {sine(inFrames, 1000, 44100, 0.5), sine(inFrames, 3000, 44100, 0.25)}, 44100,
                SF_FORMAT_WAV | SF_FORMAT_FLOAT);
@@ -126,7 +126,7 @@ TEST(SampleBufferLoad, ConvertsFortyFourOneStereoToTheSameSoundAtFortyEight) {
 }
 
 TEST(SampleBufferLoad, ConversionDoesNotDependOnWhatWasConvertedBefore) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     writeSound(folder / "a.wav", {sine(5000, 700, 44100, 0.5), sine(5000, 900, 44100, 0.5)}, 44100);
     writeSound(folder / "b.wav", {sine(3000, 500, 22050, 0.5)}, 22050);
     writeSound(folder / "c.wav", {sine(7000, 300, 44100, 0.5), sine(7000, 200, 44100, 0.5)}, 44100);
@@ -145,7 +145,7 @@ TEST(SampleBufferLoad, ConversionDoesNotDependOnWhatWasConvertedBefore) {
 }
 
 TEST(SampleBufferLoad, EmptyAndTruncatedFilesGiveWhatTheyHold) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     writeSound(folder / "empty48.wav", {{}}, 48000);
     writeSound(folder / "empty44.wav", {{}, {}}, 44100);
     for (const char* name : {"empty48.wav", "empty44.wav"}) {
@@ -168,7 +168,7 @@ TEST(SampleBufferLoad, EmptyAndTruncatedFilesGiveWhatTheyHold) {
 }
 
 TEST(SampleBufferLoad, FilesThatCannotBeOpenedFailNamingTheFileAndTheReason) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     test::writeText(folder / "notes.wav", "these are notes, not audio at all\n");
     test::writeText(folder / "zero.wav", "");
     writeSound(folder / "full.wav", {std::vector<float>(100, 0.1f)}, 48000);
@@ -192,7 +192,7 @@ TEST(SampleBufferLoad, FilesThatCannotBeOpenedFailNamingTheFileAndTheReason) {
 }
 
 TEST(SampleBufferLoad, AnUnusableRateIsADecodeError) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     writeSound(folder / "ok.wav", {std::vector<float>(10, 0.1f)}, 48000);
     for (double rate : {0.0, -48000.0, std::nan("")}) {
         EXPECT_EQ(test::errorOf<PackError>([&] { SampleBuffer::load(folder / "ok.wav", rate); }),
@@ -205,7 +205,7 @@ TEST(SampleBufferLoad, AnUnusableRateIsADecodeError) {
 // file recorded above the output rate holds more frames than it will have,
 // and must not be refused for them.
 TEST(SampleBufferLoad, FrameLimitIsInclusiveAndCountsConvertedFrames) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     for (const int rate : {48000, 44100, 88200, 96000, 192000}) {
         SCOPED_TRACE(rate);
         const std::string name = std::to_string(rate) + ".wav";
@@ -222,7 +222,7 @@ TEST(SampleBufferLoad, FrameLimitIsInclusiveAndCountsConvertedFrames) {
 // Whatever a float file holds, the decoded sound is finite and within ±4:
 // NaN and infinities become silence, huge values the bound. Converted too.
 TEST(SampleBufferLoad, BoundsEverySampleToFourAndSilencesNonFiniteOnes) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     const std::vector<float> stored = {3e38f, -3e38f, NAN, INFINITY, -INFINITY, 5.0f, -4.5f, 4.0f, 0.5f, -1e-3f};
     const std::vector<float> expected = {4.0f, -4.0f, 0.0f, 0.0f, 0.0f, 4.0f, -4.0f, 4.0f, 0.5f, -1e-3f};
     writeSound(folder / "odd.wav", {stored, expected}, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT);

@@ -36,7 +36,7 @@ TEST(VoicingKey, TakeAndDetuneFollowTheKeysHash) {
 }
 
 TEST(VoicingKey, TakeCountComesFromTheKeysGroupInTheLoadedPack) {
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     test::PackFolder folder(scratch.path());
     for (const char* name : {"a.wav", "b.wav", "c.wav", "s.wav"}) folder.sound(name, 0, 2);
     folder.down("alpha", "medium", {"a.wav", "b.wav", "c.wav"});

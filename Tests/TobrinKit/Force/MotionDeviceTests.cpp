@@ -193,7 +193,7 @@ private:
         write(folder / "scan_elements" / ("in_" + name + "_en"), enabled);
     }
 
-    test::ScratchFolder scratch_;
+    test::TemporaryFolder scratch_;
 };
 
 TEST(MotionDevices, FindsHidrawFirstThenIioAndPassesOverMalformedDevices) {
@@ -298,7 +298,7 @@ TEST(IioMotionSource, SwitchesTheBufferOnOnlyWhenItsNodeOpensAndDeliversScansAsR
 }
 
 TEST(MotionRecorder, AReplayOfTheRecordingGivesTheSameSamples) {
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
     const fs::path file = scratch / "recording.txt";

@@ -12,7 +12,7 @@
 namespace tobrin {
 namespace {
 
-using test::ScratchFolder;
+using test::TemporaryFolder;
 using Resolution = ConfinedFolder::Resolution;
 
 // What a descriptor reads: tells which file was opened.
@@ -39,7 +39,7 @@ class ConfinedFolderTest : public testing::TestWithParam<Resolution> {};
 // One table for the kernel's resolution and for the walk that stands in for
 // it on kernels without openat2: both must give the same answers.
 TEST_P(ConfinedFolderTest, OpensFilesBeneathAndRefusesEveryWayOut) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     const auto pack = scratch / "pack";
     test::writeText(scratch / "outside.txt", "outside");
     test::writeText(pack / "a.wav", "a");
@@ -86,7 +86,7 @@ TEST_P(ConfinedFolderTest, OpensFilesBeneathAndRefusesEveryWayOut) {
 // The check and the open are one step against the folder's descriptor: what
 // is swapped in after the folder was opened cannot lead anywhere else.
 TEST_P(ConfinedFolderTest, SwapsAfterOpeningTheFolderCannotLeadOut) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     test::writeText(scratch / "outside.txt", "outside");
     test::writeText(scratch / "pack" / "a.wav", "a");
     test::writeText(scratch / "elsewhere" / "a.wav", "elsewhere");

@@ -12,7 +12,7 @@ namespace tobrin {
 namespace {
 
 using test::PackFolder;
-using test::ScratchFolder;
+using test::TemporaryFolder;
 using Paths = std::vector<std::string>;
 
 float firstSample(const TBSample& sample) { return sample.left[0]; }
@@ -30,7 +30,7 @@ TEST(LoadedPack, MissingTiersTakeTheNearestWithTheLowerOneOnTies) {
     const char* tierNames[] = {"soft", "medium", "hard", "slam"};
     int caseNumber = 0;
     for (const Case& test : cases) {
-        ScratchFolder scratch;
+        TemporaryFolder scratch;
         PackFolder pack(scratch / ("case" + std::to_string(caseNumber++)));
         for (int tier : test.present) {
             const std::string file = std::string(tierNames[tier]) + ".wav";
@@ -51,7 +51,7 @@ TEST(LoadedPack, MissingTiersTakeTheNearestWithTheLowerOneOnTies) {
 }
 
 TEST(LoadedPack, AbsentGroupsPlayAlphaOrElseAnotherLoadedGroup) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     PackFolder withAlpha(scratch / "A");
     withAlpha.sound("alpha.wav", 0.125f);
     withAlpha.sound("alpha2.wav", 0.375f);
@@ -80,7 +80,7 @@ TEST(LoadedPack, AbsentGroupsPlayAlphaOrElseAnotherLoadedGroup) {
 }
 
 TEST(LoadedPack, ReleasesFallBackToAlphasAndOtherwiseStayEmpty) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     PackFolder pack(scratch / "P");
     pack.sound("d.wav", 0.5f);
     pack.sound("up-a1.wav", 0.125f);
@@ -114,7 +114,7 @@ TEST(LoadedPack, ReleasesFallBackToAlphasAndOtherwiseStayEmpty) {
 }
 
 TEST(LoadedPack, VariantsWrapPerTierAndCountTheLongestList) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     PackFolder pack(scratch / "P");
     const std::map<std::string, int> lengths = {{"soft", 3}, {"medium", 5}, {"hard", 5}, {"slam", 2}};
     for (const auto& [tier, length] : lengths) {
@@ -137,7 +137,7 @@ TEST(LoadedPack, VariantsWrapPerTierAndCountTheLongestList) {
 }
 
 TEST(LoadedPack, SkipsUnknownNamesAndEmptyListsAndMatchesTierNamesInAnyCase) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     PackFolder pack(scratch / "P", "the-id");
     pack.sound("soft.wav", 0.25f);
     // Files of skipped entries do not exist: loading them would fail.
@@ -158,7 +158,7 @@ TEST(LoadedPack, SkipsUnknownNamesAndEmptyListsAndMatchesTierNamesInAnyCase) {
 }
 
 TEST(LoadedPack, AFileNamedInSeveralListsIsDecodedAndCountedOnce) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     PackFolder pack(scratch / "P");
     pack.sound("shared.wav", 0.5f, 1000);
     pack.sound("sub/mono.wav", 0.25f, 300, 1);
@@ -173,7 +173,7 @@ TEST(LoadedPack, AFileNamedInSeveralListsIsDecodedAndCountedOnce) {
 }
 
 TEST(LoadedPack, DecodesEveryFileAtTheOutputRate) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     PackFolder pack(scratch / "P");
     pack.sound("a441.wav", 0.25f, 4410, 2, 44100);
     pack.sound("a48.wav", 0.25f, 4800, 2, 48000);
@@ -184,7 +184,7 @@ TEST(LoadedPack, DecodesEveryFileAtTheOutputRate) {
 }
 
 TEST(LoadedPack, OpensFilesAndLinksInsideThePackFolderAndRefusesEveryPathOut) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     const auto folder = scratch / "MyPack";
     test::writeSound(scratch / "outside.wav", {std::vector<float>(48, 0.5f)}, 48000);
     PackFolder pack(folder);
@@ -222,7 +222,7 @@ TEST(LoadedPack, OpensFilesAndLinksInsideThePackFolderAndRefusesEveryPathOut) {
 }
 
 TEST(LoadedPack, CountsTheMemoryBudgetAtTheOutputRateAndRefusesOneFrameOver) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     // Budget counted as frames × 8; 8-bit mono files keep what is written small.
     const std::size_t budgetFrames = LoadedPack::memoryBudget / 8;
     const std::filesystem::path folder = scratch / "Big";
@@ -249,7 +249,7 @@ TEST(LoadedPack, CountsTheMemoryBudgetAtTheOutputRateAndRefusesOneFrameOver) {
 }
 
 TEST(LoadedPack, ReportsManifestAndDecoderFailuresAsTheyAre) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     const auto failureIn = [](const std::filesystem::path& folder) {
         return test::errorOf<PackError>([&] {
             LoadedPack::load(PackInfo{"id", "n", "k", std::nullopt, folder, false}, 48000);

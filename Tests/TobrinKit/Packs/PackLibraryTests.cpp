@@ -13,7 +13,7 @@ namespace tobrin {
 namespace {
 
 using test::Environment;
-using test::ScratchFolder;
+using test::TemporaryFolder;
 
 std::vector<std::string> names(const std::vector<PackInfo>& packs) {
     std::vector<std::string> result;
@@ -69,7 +69,7 @@ TEST(PackLibrary, NameOrderFollowsTheLocaleTheEnvironmentNames) {
 }
 
 TEST(PackLibrary, ListsOnlyPackFoldersDirectlyInsideTheFolder) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     test::PackFolder one(scratch / "one", "one", "One");
     one.summary("about One");
     one.info();
@@ -93,7 +93,7 @@ TEST(PackLibrary, ListsOnlyPackFoldersDirectlyInsideTheFolder) {
 // A pack in the user's folder costs discovery no more than a small manifest:
 // one far over the bound is refused from its size, unread and unparsed.
 TEST(PackLibrary, LeavesOutAnOversizedManifestWithoutReadingIt) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     test::PackFolder(scratch / "good", "good", "Good").info();
     test::PackFolder(scratch / "huge", "huge", "Huge").info();
     // Sparse: a gibibyte to any reader, nothing on disk.
@@ -104,7 +104,7 @@ TEST(PackLibrary, LeavesOutAnOversizedManifestWithoutReadingIt) {
 }
 
 TEST(PackLibrary, MergesByIdAndSortsBuiltInBeforeUserPacksByName) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     Environment environment;
     environment.set("TOBRIN_PACKS", (scratch / "builtin").string());
     environment.set("XDG_DATA_HOME", (scratch / "data").string());
@@ -144,7 +144,7 @@ TEST(PackLibrary, UserFolderFollowsTheXdgDataHome) {
 }
 
 TEST(PackLibrary, FindsBuiltInPacksInstalledBesideTheExecutable) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     std::filesystem::create_directories(scratch / "prefix" / "bin");
     EXPECT_FALSE(PackLibrary::installedPacksDirectory(scratch / "prefix" / "bin" / "tobrin"));
     std::filesystem::create_directories(scratch / "prefix" / "share" / "tobrin" / "Packs");

@@ -18,7 +18,7 @@
 namespace tobrin {
 namespace {
 
-using test::ScratchFolder;
+using test::TemporaryFolder;
 
 constexpr const char* minimal = R"({"formatVersion": 1, "id": "p", "name": "P", "kind": "synth", "groups": {}})";
 
@@ -187,7 +187,7 @@ TEST(PackManifest, EncodesPrettySortedWithSlashesAsTheyStand) {
 }
 
 TEST(PackInfo, TellsAMissingManifestFromAnUnreadableOneAndAnInvalidOne) {
-    ScratchFolder folder;
+    TemporaryFolder folder;
     auto describe = [](const std::filesystem::path& directory) {
         return test::errorOf<PackError>([&] { PackInfo::read(directory, false); });
     };

@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using test::ScratchFolder;
+using test::TemporaryFolder;
 
 // A pack named `name` with `count` takes, all carrying the name.
 void writePack(const fs::path& folder, const std::string& name, int count) {
@@ -24,7 +24,7 @@ void writePack(const fs::path& folder, const std::string& name, int count) {
 }
 
 TEST(StagedPackFolder, AWriterKilledBeforeItsCommitLeavesThePreviousPackAsItWas) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     const fs::path packs = scratch / "packs", target = packs / "pack";
     {
         StagedPackFolder staged(target, nullptr); // nothing there: nothing to ask about

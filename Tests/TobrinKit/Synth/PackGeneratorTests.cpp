@@ -79,7 +79,7 @@ TEST_F(StarterPacks, MatchTheRecordedDigestOfEveryFile) {
 
 TEST_F(StarterPacks, AreWrittenAgainToTheSameBytesOverAGeneratedPackOrAnythingWhenTold) {
     const SynthProfile& typewriter = SynthProfile::typewriter();
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     PackGenerator::generate(typewriter, scratch.path(), 1);
     PackGenerator::generate(typewriter, scratch.path(), 7); // more workers than cores
     EXPECT_EQ(treeOf(scratch / typewriter.id), treeOf(packs() / typewriter.id));
@@ -124,7 +124,7 @@ TEST_F(StarterPacks, StrikeHarderForLouderReleaseSofterAndClipOnlyWhenSlammed) {
 
 TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
     const SynthProfile& cream = SynthProfile::cream();
-    const test::ScratchFolder into;
+    const test::TemporaryFolder into;
     const fs::path folder = into / cream.id;
     const auto mine = [](const fs::path& file) { std::ofstream(file) << "mine"; };
     PackGenerator::write(cream, takesOf(cream), into.path());
@@ -154,7 +154,7 @@ TEST_F(StarterPacks, ReplaceOnlyAFolderHoldingNothingButAGeneratedPack) {
 
 TEST_F(StarterPacks, AFailureMidwayLeavesThePreviousPackAsItWas) {
     const SynthProfile& dome = SynthProfile::dome();
-    const test::ScratchFolder into;
+    const test::TemporaryFolder into;
     PackGenerator::write(dome, takesOf(dome), into.path());
     const auto before = treeOf(into.path());
 
@@ -169,7 +169,7 @@ TEST_F(StarterPacks, AFailureMidwayLeavesThePreviousPackAsItWas) {
 
 TEST_F(StarterPacks, FourProcessesWritingOnePackLeaveItWhole) {
     const SynthProfile& panda = SynthProfile::panda();
-    const test::ScratchFolder into;
+    const test::TemporaryFolder into;
     std::vector<std::unique_ptr<test::ChildProcess>> writers;
     for (int w = 0; w < 4; ++w) {
         writers.push_back(std::make_unique<test::ChildProcess>([&](const auto&) {
@@ -198,7 +198,7 @@ TEST(PackGenerator, RendersTheSameTakesOnAnyNumberOfWorkers) {
 }
 
 TEST(PackGenerator, ThrowsTheFileSystemErrorWhenThePackFolderCannotBeMade) {
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     test::writeText(scratch / "not-a-folder", "a file");
     EXPECT_THROW(PackGenerator::generate(SynthProfile::cream(), scratch / "not-a-folder", 1), fs::filesystem_error);
     EXPECT_TRUE(fs::is_regular_file(scratch / "not-a-folder"));

@@ -86,7 +86,7 @@ protected:
         return lines;
     }
 
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
 };
 
 TEST_F(RecordedPackBuilderTest, BuildsALevelledPackThatLoadsAndRebuildsFromTheCache) {

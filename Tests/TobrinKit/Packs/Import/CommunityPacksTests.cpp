@@ -11,7 +11,7 @@ namespace tobrin {
 namespace {
 
 TEST(CommunityPacks, ListsDroppedInPacksConvertedOnceAndSkipsABrokenOneWithAMessage) {
-    test::ScratchFolder scratch;
+    test::TemporaryFolder scratch;
     test::Environment environment;
     environment.set("TOBRIN_PACKS", (scratch / "builtin").string());
     environment.set("XDG_DATA_HOME", (scratch / "data").string());

@@ -23,7 +23,7 @@ namespace {
 
 using test::keyStroke;
 using test::ogg;
-using test::ScratchFolder;
+using test::TemporaryFolder;
 using test::writeMultiPack;
 using test::writeSinglePack;
 using test::writeSound;
@@ -56,7 +56,7 @@ std::pair<std::size_t, float> onsetAndPeak(const test::SndfileContents& sound) {
 TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
     struct Case {
         std::string name;
-        std::function<std::filesystem::path(const ScratchFolder&)> write; // returns the source
+        std::function<std::filesystem::path(const TemporaryFolder&)> write; // returns the source
         std::size_t minimumKeys;
         std::vector<std::string> groups;
         std::vector<std::string> withReleases;
@@ -64,25 +64,25 @@ TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
     };
     const Case cases[] = {
         {"single Ogg sprite",
-         [](const ScratchFolder& s) { return writeSinglePack(s / "src"), s / "src"; },
+         [](const TemporaryFolder& s) { return writeSinglePack(s / "src"), s / "src"; },
          4,
          {"alpha", "enter", "modifier", "space"},
          {"alpha"},
          {"key 14: segment starts after the end of the file", "key 2: no sound (null)", "cut at the end"}},
         {"multi MP3 files with odd names",
-         [](const ScratchFolder& s) { return writeMultiPack(s / "src"), s / "src"; },
+         [](const TemporaryFolder& s) { return writeMultiPack(s / "src"), s / "src"; },
          2,
          {"alpha", "space"},
          {},
          {"\"missing.mp3\": No such file or directory", "key 14: no sound (null)"}},
         {"version 2 with fallbacks and ranges",
-         [](const ScratchFolder& s) { return writeVersion2Pack(s / "src"), s / "src"; },
+         [](const TemporaryFolder& s) { return writeVersion2Pack(s / "src"), s / "src"; },
          100,
          {"alpha", "backspace", "enter", "modifier", "space"},
          {"alpha", "backspace", "enter", "modifier", "space"},
          {}},
         {"zipped sprite",
-         [](const ScratchFolder& s) { return writeZippedPack(s / "pack.zip", s / "zipped"), s / "pack.zip"; },
+         [](const TemporaryFolder& s) { return writeZippedPack(s / "pack.zip", s / "zipped"), s / "pack.zip"; },
          4,
          {"alpha", "enter", "modifier", "space"},
          {"alpha"},
@@ -90,7 +90,7 @@ TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.name);
-        ScratchFolder scratch;
+        TemporaryFolder scratch;
         const auto result = PackImporter::import(test.write(scratch), scratch / "imported");
 
         EXPECT_GE(result.keys, test.minimumKeys);
@@ -131,7 +131,7 @@ TEST(PackImporter, ImportsEveryVariantIntoAPackThatLoadsWithItsOnsetsTrimmed) {
 }
 
 TEST(PackImporter, EachKeyPlaysItsOwnPressAndReleaseWhenItsSoundIsItsOwn) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     const std::uint32_t letters[] = {30, 48, 46, 32, 18, 33, 34, 35, 23, 36, 37, 38, 50,
                                      49, 24, 25, 16, 19, 31, 20, 22, 47, 17, 45, 21, 44};
     std::string defines;
@@ -162,7 +162,7 @@ TEST(PackImporter, EachKeyPlaysItsOwnPressAndReleaseWhenItsSoundIsItsOwn) {
 }
 
 TEST(PackImporter, ReplacesOnlyAPackItImported) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     writeMultiPack(scratch / "src");
     PackImporter::import(scratch / "src", scratch / "packs" / "multi");
     EXPECT_TRUE(PackImporter::isImportedPack(scratch / "packs" / "multi"));
@@ -185,7 +185,7 @@ TEST(PackImporter, RefusesWhatItCannotImportWithTheReason) {
          "no key has a usable sound (\"../../etc/passwd\": path leads out of the pack)"},
     };
     for (const auto& [config, reason] : cases) {
-        ScratchFolder scratch;
+        TemporaryFolder scratch;
         std::filesystem::create_directories(scratch / "src");
         if (!config.empty()) writeText(scratch / "src" / "config.json", config);
         EXPECT_THAT(test::errorOf<PackImporter::Error>([&] { PackImporter::import(scratch / "src", scratch / "out"); }),

@@ -9,12 +9,12 @@
 namespace tobrin {
 namespace {
 
-using test::ScratchFolder;
+using test::TemporaryFolder;
 using test::ZipEntry;
 using Type = ZipEntry::Type;
 
 TEST(ZipArchive, HostileEntriesWriteNothingOutsideTheDestination) {
-    ScratchFolder scratch;
+    TemporaryFolder scratch;
     const std::filesystem::path outside = scratch / "outside";
     std::filesystem::create_directories(outside);
     test::writeZip(scratch / "evil.zip", {
@@ -55,7 +55,7 @@ TEST(ZipArchive, StopsAtTheBudgetWhateverTheEntriesClaim) {
         {{{"readme.txt", "no pack"}}, "no config.json in the archive"},
     };
     for (const Case& test : cases) {
-        ScratchFolder scratch;
+        TemporaryFolder scratch;
         test::writeZip(scratch / "a.zip", test.entries);
         std::filesystem::create_directories(scratch / "dest");
         EXPECT_THAT(
