@@ -52,8 +52,17 @@ public:
     void write(std::size_t keyboard, const void* bytes, std::size_t size) {
         if (::write(writeEnds_.at(keyboard), bytes, size) != ssize_t(size)) throw std::runtime_error("write failed");
     }
+    // One record. Named members, not positions: where time_t is 64-bit on a
+    // 32-bit machine the time stamp is two fields, not one timeval.
+    static input_event recordOf(std::uint16_t type, std::uint16_t code, std::int32_t value) {
+        input_event event{};
+        event.type = type;
+        event.code = code;
+        event.value = value;
+        return event;
+    }
     void record(std::size_t keyboard, std::uint16_t type, std::uint16_t code, std::int32_t value) {
-        const input_event event{{}, type, code, value};
+        const input_event event = recordOf(type, code, value);
         write(keyboard, &event, sizeof event);
     }
     // A key record and the report that ends it, as a keyboard sends them.

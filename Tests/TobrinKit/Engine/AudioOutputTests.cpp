@@ -35,9 +35,10 @@ AudioBackendFactory fakeServer(std::string name, std::shared_ptr<FakeServer> ser
     AudioBackendFactory factory = NullAudioBackend::factory();
     factory.name = std::move(name);
     factory.isReachable = [server] { return server->up.load(); };
-    factory.create = [server, create = factory.create](const AudioBackend::Format& format,
-                                                       const AudioBackend::Callbacks& callbacks) {
-        if (!server->up) return decltype(create(format, callbacks))();
+    factory.create =
+        [server, create = factory.create](const AudioBackend::Format& format,
+                                          const AudioBackend::Callbacks& callbacks) -> std::unique_ptr<AudioBackend> {
+        if (!server->up) return nullptr;
         server->callbacks = callbacks;
         server->created += 1;
         return create(format, callbacks);

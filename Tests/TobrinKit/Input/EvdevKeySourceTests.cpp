@@ -32,7 +32,7 @@ TEST_F(EvdevKeySourceTest, PressesAndReleasesReachTheHandlerOnTheMonitorThreadRe
     keyboards.key(keyboard, KEY_A, 2);
     keyboards.key(keyboard, KEY_A, 0);
     // A record split across two writes, as a pipe may deliver it.
-    const input_event event{{}, EV_KEY, KEY_ENTER, 1};
+    const input_event event = test::PipeKeyboards::recordOf(EV_KEY, KEY_ENTER, 1);
     const auto* bytes = reinterpret_cast<const unsigned char*>(&event);
     keyboards.write(keyboard, bytes, 5);
     ASSERT_TRUE(recorder.waitForSteps({down(0), up(0)}));

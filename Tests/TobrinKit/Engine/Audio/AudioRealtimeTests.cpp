@@ -97,13 +97,13 @@ TEST_P(AudioRealtime, CallbacksNeverAllocateFreeOrLockWithThirtyTwoVoicesStealin
     const auto callbacksBefore = renderer.callbacks.load();
     std::uint32_t mostVoices = 0;
     std::uint32_t tag = 0;
+    const TBCommand release = releaseAllCommand();
     const auto end = std::chrono::steady_clock::now() + 4s;
     while (std::chrono::steady_clock::now() < end) {
         for (int burst = 0; burst < 8; ++burst) {
             const TBCommand command = start(++tag, takes);
             tb_mixer_push(renderer.mixer, &command);
         }
-        const TBCommand release = releaseAllCommand();
         if (tag % 160 == 0) tb_mixer_push(renderer.mixer, &release);
         std::this_thread::sleep_for(20ms);
         mostVoices = std::max(mostVoices, tb_mixer_active_voices(renderer.mixer));
